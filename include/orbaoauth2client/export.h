@@ -1,0 +1,9 @@
+/// @file export.h
+/// @brief The mark of what leaves the shared library.
+#ifndef ORBAOAUTH2CLIENT_EXPORT_H
+#define ORBAOAUTH2CLIENT_EXPORT_H
+
+/// Marks a class or function as part of the public interface; everything else stays hidden.
+#define ORBA_OAUTH2CLIENT_API __attribute__((visibility("default")))
+
+#endif

@@ -1,0 +1,36 @@
+// libcurl's escaping functions: their handle and the texts that they give.
+#ifndef ORBA_SRC_CURL_TEXT_H
+#define ORBA_SRC_CURL_TEXT_H
+
+#include <curl/curl.h>
+
+#include <memory>
+
+#include "error_code.h"
+#include "log.h"
+#include "orbaoauth2client/errors.h"
+
+namespace ORBA::OAuth2Client {
+
+struct CurlHandleCleanup {
+    void operator()(void* curl) const { curl_easy_cleanup(curl); }
+};
+using EscapeHandle = std::unique_ptr<void, CurlHandleCleanup>;
+
+struct CurlFree {
+    void operator()(char* text) const { curl_free(text); }
+};
+using CurlText = std::unique_ptr<char, CurlFree>;
+
+// A handle that serves escaping only, never a transfer.
+inline EscapeHandle makeEscapeHandle(const Log& log) {
+    EscapeHandle handle(curl_easy_init());
+    if (handle == nullptr) {
+        log.fail<CurlException>(kCurlInitFailed, "Error: Failed to init curl.");
+    }
+    return handle;
+}
+
+}  // namespace ORBA::OAuth2Client
+
+#endif
