@@ -1,0 +1,270 @@
+// libcurl's easy interface, as far as the library uses it. Nothing here reaches the network.
+#include <cctype>
+#include <cstdarg>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "fakes.h"
+
+// The header's type-checking macros would hide the functions that are defined here.
+#undef curl_easy_setopt
+#undef curl_easy_getinfo
+
+using fakes::world;
+
+namespace {
+
+struct Handle {
+    std::string name;
+    fakes::Request request;
+    curl_write_callback write = nullptr;
+    void* writeData = nullptr;
+    long status = 0;
+    std::optional<std::string> redirectUrl;
+};
+
+Handle& handleOf(void* curl) { return *static_cast<Handle*>(curl); }
+
+std::string optionName(CURLoption option) {
+    switch (option) {
+        case CURLOPT_URL:
+            return "CURLOPT_URL";
+        case CURLOPT_TIMEOUT:
+            return "CURLOPT_TIMEOUT";
+        case CURLOPT_USERAGENT:
+            return "CURLOPT_USERAGENT";
+        case CURLOPT_SSL_VERIFYPEER:
+            return "CURLOPT_SSL_VERIFYPEER";
+        case CURLOPT_SSL_VERIFYHOST:
+            return "CURLOPT_SSL_VERIFYHOST";
+        case CURLOPT_CAPATH:
+            return "CURLOPT_CAPATH";
+        case CURLOPT_SSLVERSION:
+            return "CURLOPT_SSLVERSION";
+        case CURLOPT_COOKIEJAR:
+            return "CURLOPT_COOKIEJAR";
+        case CURLOPT_COOKIEFILE:
+            return "CURLOPT_COOKIEFILE";
+        case CURLOPT_HTTPHEADER:
+            return "CURLOPT_HTTPHEADER";
+        case CURLOPT_WRITEFUNCTION:
+            return "CURLOPT_WRITEFUNCTION";
+        case CURLOPT_WRITEDATA:
+            return "CURLOPT_WRITEDATA";
+        case CURLOPT_FOLLOWLOCATION:
+            return "CURLOPT_FOLLOWLOCATION";
+        case CURLOPT_CUSTOMREQUEST:
+            return "CURLOPT_CUSTOMREQUEST";
+        case CURLOPT_POSTFIELDS:
+            return "CURLOPT_POSTFIELDS";
+        case CURLOPT_IPRESOLVE:
+            return "CURLOPT_IPRESOLVE";
+        default:
+            return "option " + std::to_string(option);
+    }
+}
+
+std::vector<std::string> linesOf(const curl_slist* list) {
+    std::vector<std::string> lines;
+    for (; list != nullptr; list = list->next) {
+        lines.emplace_back(list->data);
+    }
+    return lines;
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += (text.empty() ? "" : " | ") + line;
+    }
+    return text;
+}
+
+// Takes the option's value, in the type that libcurl's manual gives it, as text.
+std::string takeValue(Handle& handle, CURLoption option, va_list arguments) {
+    switch (option) {
+        case CURLOPT_WRITEFUNCTION:
+            handle.write = va_arg(arguments, curl_write_callback);
+            return "callback";
+        case CURLOPT_WRITEDATA:
+            handle.writeData = va_arg(arguments, void*);
+            return "data";
+        case CURLOPT_HTTPHEADER:
+            handle.request.headers = linesOf(va_arg(arguments, curl_slist*));
+            return joined(handle.request.headers);
+        default:
+            break;
+    }
+    if (option < CURLOPTTYPE_OBJECTPOINT) {
+        return std::to_string(va_arg(arguments, long));
+    }
+    const char* const text = va_arg(arguments, const char*);
+    return text == nullptr ? "null" : text;
+}
+
+std::string nameOfList(const curl_slist* list) {
+    return list == nullptr ? "null" : "list[" + std::string(list->data) + "]";
+}
+
+}  // namespace
+
+extern "C" {
+
+CURL* curl_easy_init(void) {
+    if (world().enter("curl_easy_init", "")) {
+        return nullptr;
+    }
+    auto* const handle = new Handle();
+    handle->name = "curl" + std::to_string(world().counts["curl_easy_init"]);
+    world().held.insert(handle->name);
+    return handle;
+}
+
+CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
+    Handle& handle = handleOf(curl);
+    va_list arguments;
+    va_start(arguments, option);
+    const std::string value = takeValue(handle, option, arguments);
+    va_end(arguments);
+    const bool fails = world().enter("curl_easy_setopt", optionName(option) + ", " + value);
+    const auto failure = world().optionFails.find(option);
+    if (fails || failure != world().optionFails.end()) {
+        return fails ? CURLE_OUT_OF_MEMORY : failure->second;
+    }
+    handle.request.options[option] = value;
+    return CURLE_OK;
+}
+
+CURLcode curl_easy_perform(CURL* curl) {
+    Handle& handle = handleOf(curl);
+    const bool fails = world().enter("curl_easy_perform", handle.name);
+    world().requests.push_back(handle.request);
+    if (fails) {
+        return CURLE_COULDNT_CONNECT;
+    }
+    fakes::Transfer transfer;
+    if (!world().transfers.empty()) {
+        transfer = world().transfers.front();
+        if (world().transfers.size() > 1) {
+            world().transfers.pop_front();
+        }
+    }
+    if (transfer.pieces.empty() && !transfer.body.empty()) {
+        transfer.pieces.push_back(transfer.body);
+    }
+    for (std::string& piece : transfer.pieces) {
+        if (handle.write(piece.data(), 1, piece.size(), handle.writeData) != piece.size()) {
+            return CURLE_WRITE_ERROR;
+        }
+    }
+    handle.status = transfer.status;
+    handle.redirectUrl = transfer.redirectUrl;
+    return transfer.result;
+}
+
+CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
+    Handle& handle = handleOf(curl);
+    va_list arguments;
+    va_start(arguments, info);
+    void* const out = va_arg(arguments, void*);
+    va_end(arguments);
+    if (info == CURLINFO_RESPONSE_CODE) {
+        if (world().enter("curl_easy_getinfo", "CURLINFO_RESPONSE_CODE")) {
+            return CURLE_OUT_OF_MEMORY;
+        }
+        if (world().statusResult == CURLE_OK) {
+            *static_cast<long*>(out) = handle.status;
+        }
+        return world().statusResult;
+    }
+    if (world().enter("curl_easy_getinfo", "CURLINFO_REDIRECT_URL")) {
+        return CURLE_OUT_OF_MEMORY;
+    }
+    *static_cast<char**>(out) = handle.redirectUrl ? handle.redirectUrl->data() : nullptr;
+    return world().redirectResult;
+}
+
+void curl_easy_cleanup(CURL* curl) {
+    const std::unique_ptr<Handle> handle(static_cast<Handle*>(curl));
+    world().enter("curl_easy_cleanup", handle->name);
+    world().release(handle->name);
+}
+
+curl_slist* curl_slist_append(curl_slist* list, const char* line) {
+    if (world().enter("curl_slist_append", nameOfList(list) + ", " + line)) {
+        return nullptr;
+    }
+    auto* const added = new curl_slist{strdup(line), nullptr};
+    if (list == nullptr) {
+        world().held.insert(nameOfList(added));
+        return added;
+    }
+    curl_slist* last = list;
+    while (last->next != nullptr) {
+        last = last->next;
+    }
+    last->next = added;
+    return list;
+}
+
+void curl_slist_free_all(curl_slist* list) {
+    world().enter("curl_slist_free_all", nameOfList(list));
+    world().release(nameOfList(list));
+    while (list != nullptr) {
+        curl_slist* const next = list->next;
+        std::free(list->data);
+        delete list;
+        list = next;
+    }
+}
+
+// Encodes "%", "&", "=", "/" and the blank, enough to see that values and only values pass here.
+char* curl_easy_escape(CURL* curl, const char* text, int length) {
+    const std::string value(text, static_cast<std::size_t>(length));
+    if (world().enter("curl_easy_escape", handleOf(curl).name + ", " + value) ||
+        world().escapeFails) {
+        return nullptr;
+    }
+    std::string escaped;
+    for (const char c : value) {
+        static const std::map<char, std::string> encoded = {
+            {'%', "%25"}, {'&', "%26"}, {'=', "%3D"}, {'/', "%2F"}, {' ', "%20"}};
+        const auto found = encoded.find(c);
+        escaped += found == encoded.end() ? std::string(1, c) : found->second;
+    }
+    world().held.insert("text");
+    return strdup(escaped.c_str());
+}
+
+char* curl_easy_unescape(CURL* curl, const char* text, int length, int* outLength) {
+    const std::string value(text, static_cast<std::size_t>(length));
+    if (world().enter("curl_easy_unescape", handleOf(curl).name + ", " + value) ||
+        world().unescapeFails) {
+        return nullptr;
+    }
+    std::string decoded;
+    for (std::size_t i = 0; i < value.size(); ++i) {
+        const std::string digits = value[i] == '%' ? value.substr(i + 1, 2) : "";
+        if (digits.size() == 2 && std::isxdigit(static_cast<unsigned char>(digits[0])) != 0 &&
+            std::isxdigit(static_cast<unsigned char>(digits[1])) != 0) {
+            decoded += static_cast<char>(std::stoi(digits, nullptr, 16));
+            i += 2;
+        } else {
+            decoded += value[i];
+        }
+    }
+    *outLength = static_cast<int>(decoded.size());
+    auto* const out = static_cast<char*>(std::malloc(decoded.size() + 1));
+    std::memcpy(out, decoded.c_str(), decoded.size() + 1);
+    world().held.insert("text");
+    return out;
+}
+
+void curl_free(void* text) {
+    world().enter("curl_free", "");
+    world().release("text");
+    std::free(text);
+}
+
+}  // extern "C"

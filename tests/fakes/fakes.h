@@ -1,0 +1,112 @@
+// Stand-ins for what the library calls: libcurl, syslog, nanosleep, realloc and the platform.
+// They record every call in order and do what the test tells them; they decide nothing themselves.
+#ifndef ORBA_TESTS_FAKES_H
+#define ORBA_TESTS_FAKES_H
+
+#include <curl/curl.h>
+
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace fakes {
+
+// One line that went to syslog. `text` is the rendered line without "source:line ".
+struct LogLine {
+    int priority;
+    std::string format;
+    std::string source;
+    int line;
+    std::string text;
+};
+
+// What one curl_easy_perform() does: delivers the pieces to the write callback, then returns.
+struct Transfer {
+    CURLcode result = CURLE_OK;
+    long status = 200;
+    std::string body = "{}";  // one piece, unless `pieces` are given; empty: no call at all
+    std::vector<std::string> pieces = {};
+    std::optional<std::string> redirectUrl = {};
+};
+
+// What the handle held when a transfer was made.
+struct Request {
+    std::map<CURLoption, std::string> options;
+    std::vector<std::string> headers;
+};
+
+// The device, as the platform libraries tell of it.
+struct Device {
+    int userAgentResult = 0;
+    std::string userAgent = "nas/1.0";
+    unsigned int errorNumber = 0;
+    int touchResult = 0;
+    int serialResult = 0;
+    std::string serial = "SERIAL000042";  // as it stands in the buffer, without a NUL behind it
+    int accountResult = 0;
+    int configResult = 0;
+    std::string accountId = "account-1";
+    std::string authKey = "key-1";
+    std::string server = "account.test";
+    bool tableFails = false;
+    int sendResult = 0;
+    std::optional<std::string> reply = R"({"code":"success","redirect_to":"https://auth.test/go"})";
+    int removeResult = 0;
+    int pseudonymResult = 0;
+    std::optional<std::string> pseudonym = "pseudonym-1";
+    std::function<std::string()> accessToken = [] { return std::string("pkce-token"); };
+    std::function<std::string()> grant = [] { return std::string("grant-code"); };
+};
+
+struct World {
+    // --- what happened ---
+    std::vector<std::string> calls;  // every call with its arguments, syslog lines included
+    std::vector<LogLine> log;
+    std::vector<Request> requests;  // one for each transfer
+    // The form fields that went to the account service, in order.
+    std::vector<std::pair<std::string, std::string>> loginFields;
+
+    // --- what is to happen ---
+    std::deque<Transfer> transfers;              // the last one is repeated
+    std::map<CURLoption, CURLcode> optionFails;  // curl_easy_setopt() of this option
+    CURLcode statusResult = CURLE_OK;            // curl_easy_getinfo(CURLINFO_RESPONSE_CODE)
+    CURLcode redirectResult = CURLE_OK;          // curl_easy_getinfo(CURLINFO_REDIRECT_URL)
+    bool escapeFails = false;
+    bool unescapeFails = false;
+    int interruptedPauses = 0;
+    std::function<void()> onPause;  // decides nanosleep()'s result through errno, when set
+    Device device;
+    // Called before every call does its work; may throw, to try the handlers.
+    std::function<void(const std::string& name)> onCall;
+    // Makes the n-th call of that name fail in its own way: null, non-zero.
+    std::map<std::string, int> failAt;
+
+    // --- what is held ---
+    std::multiset<std::string> held;  // handles, lists, texts, tables that are not released
+    std::set<void*> buffers;          // blocks of realloc() that are not freed
+
+    std::map<std::string, int> counts;
+
+    // Notes a call; returns whether the test wants this one to fail.
+    bool enter(const std::string& name, const std::string& arguments);
+    void release(const std::string& what);
+};
+
+// The one world of the running test.
+World& world();
+void reset();
+
+// The calls whose names begin with one of the prefixes, in order.
+std::vector<std::string> callsOf(const std::vector<std::string>& prefixes);
+
+// The log as "priority source text" lines.
+std::vector<std::string> logLines();
+
+}  // namespace fakes
+
+#endif
