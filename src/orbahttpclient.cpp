@@ -372,8 +372,8 @@ void HttpClient::checkHttpResp(void* curl, char** redirect) {
                 return;
             }
             code = kCurlRedirectFailed;
-            text = "Failed to get curl redirection url. " + text + "= " + std::to_string(status) +
-                   ",curl returned: " + std::to_string(result);
+            text.insert(0, "Failed to get curl redirection url. ");
+            text += "= " + std::to_string(status) + ",curl returned: " + std::to_string(result);
             break;
         case 4:
             // Two blanks before the status: deliberate.

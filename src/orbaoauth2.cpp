@@ -170,7 +170,7 @@ std::string OAuth2::followRedirectUntilCallback(const Json::Value& idpReply) {
         if (status < 300 || status > 399) {
             break;
         }
-        const std::string redirectURL = client.getRedirectURL();
+        std::string redirectURL = client.getRedirectURL();
         if (redirectURL.find(callback) != std::string::npos) {
             return redirectURL;
         }
