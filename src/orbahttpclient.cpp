@@ -318,8 +318,9 @@ void HttpClient::setCurlHeaders(void* curl, curl_slist* list,
     if (fields.empty()) {
         return;
     }
+    std::string line;
     for (const auto& [name, value] : fields) {
-        const std::string line = name + ": " + value;
+        line.assign(name).append(": ").append(value);
         list = HeaderLists::append(list, line.c_str());
         syslog(LOG_DEBUG, "%s:%d set curl custom http header %s", kLog.source, __LINE__,
                line.c_str());
@@ -333,22 +334,18 @@ void HttpClient::setCurlWriteCallBack(void* curl, MemoryStruct* chunk) {
 }
 
 void HttpClient::fireRequest(void* curl) {
-    CURLcode result = CURLE_OK;
-    for (int attempt = 1; attempt <= kAttempts; ++attempt) {
-        result = curl_easy_perform(curl);
-        if (result == CURLE_OK) {
-            return;
-        }
+    CURLcode result = curl_easy_perform(curl);
+    for (int attempt = 2; result != CURLE_OK && attempt <= kAttempts; ++attempt) {
         if (attempt == kAttempts) {
-            break;
-        }
-        if (attempt == kAttempts - 1) {
             restrictToIPv4(curl);
         }
         pauseBeforeNextAttempt();
+        result = curl_easy_perform(curl);
     }
-    const int code = codeOfTransferFailure(result);
-    kLog.fail<CurlException>(code, withResult("[" + errCode2Str(code) + "]", result));
+    if (result != CURLE_OK) {
+        const int code = codeOfTransferFailure(result);
+        kLog.fail<CurlException>(code, withResult("[" + errCode2Str(code) + "]", result));
+    }
 }
 
 void HttpClient::checkHttpResp(void* curl, char** redirect) {
