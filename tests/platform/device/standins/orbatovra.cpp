@@ -1,0 +1,3 @@
+#include <orbatovra/orbatovra.h>
+
+unsigned int ORBATOVRAErrGet(void) { return 4711; }
