@@ -2,10 +2,11 @@
 /// @brief The error codes, their messages, and the exceptions that carry them.
 ///
 /// Every failure of the library is an exception of one of the classes below, with a code of this
-/// table. The codes are a contract: none is ever given another meaning, and 6 stays free.
+/// table; errCode2Str() gives its message. The codes are a contract: none is ever given another
+/// meaning, and 6 stays free.
 ///
-/// | Code | Message of errCode2Str() |
-/// |-----:|--------------------------|
+/// | Code | Message |
+/// |-----:|---------|
 /// |  0 | No Error. |
 /// |  1 | Unexpected exception happened. |
 /// |  2 | Failed to parse json. |
@@ -51,11 +52,12 @@
 
 #include "orbaoauth2client/export.h"
 
+/// @brief The library: sign-in (OAuth2), tokens (PKCE), requests (HttpClient), errors, URLs.
 namespace ORBA::OAuth2Client {
 
 /// @brief Gives the message of an error code.
 /// @param code An error code; any number is accepted.
-/// @return The message of the table above; an empty string for a number that is not in it.
+/// @return The message of the table in errors.h; an empty string for a number that is not in it.
 /// @throws std::bad_alloc when memory runs out; nothing else.
 /// @note Safe from any number of threads at once, for any code.
 ORBA_OAUTH2CLIENT_API std::string errCode2Str(int code);
@@ -63,9 +65,14 @@ ORBA_OAUTH2CLIENT_API std::string errCode2Str(int code);
 /// @brief The base of all exceptions of the library: a code and a text.
 ///
 /// Catch it to catch every failure that the library itself reports; catch a subclass to tell the
-/// layers apart. Thrown as this very class by OAuth2 (see oauth2.h) and by getEncodeQuery().
+/// layers apart. Thrown as this very class by the operations of OAuth2 (see oauth2.h) and by
+/// HttpClient::getEncodeQuery().
+///
+/// Some failures are not the library's own and have no code: those that refreshAccessToken() passes
+/// on from jsoncpp, a grant that the account-service library refuses. Catch std::exception as well.
 class ORBA_OAUTH2CLIENT_API OAuth2ClientException : public std::exception {
   public:
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code; it is not checked.
     /// @param text The text for what(), kept at its full length, NUL bytes included.
     OAuth2ClientException(int errorCode, const std::string& text)
@@ -75,10 +82,13 @@ class ORBA_OAUTH2CLIENT_API OAuth2ClientException : public std::exception {
     OAuth2ClientException(const OAuth2ClientException&) = default;
     OAuth2ClientException& operator=(const OAuth2ClientException&) = default;
 
-    /// @return The text; it lives as long as this object.
+    /// @brief Tells what failed, where, and with which number.
+    /// @return The text; it lives as long as this object. It may quote URLs and replies, and with
+    /// them secrets: show it to who may see the debug log.
     const char* what() const noexcept override { return message.c_str(); }
 
-    /// @return The error code.
+    /// @brief Tells the error code.
+    /// @return The code that the exception was made with.
     virtual int errCode() const { return code; }
 
   private:
@@ -90,10 +100,12 @@ class ORBA_OAUTH2CLIENT_API OAuth2ClientException : public std::exception {
 /// the code of what went wrong inside, and by its set-up for an empty URL or cookie path.
 class ORBA_OAUTH2CLIENT_API HttpClientException : public OAuth2ClientException {
   public:
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     HttpClientException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
 
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text The text; deliberately cut at its first NUL byte, unlike the base class's.
     HttpClientException(int errorCode, const std::string& text)
@@ -107,6 +119,7 @@ class ORBA_OAUTH2CLIENT_API HttpClientException : public OAuth2ClientException {
 /// @brief A reply that is not JSON. The request operations wrap it in an HttpClientException.
 class ORBA_OAUTH2CLIENT_API JsonException : public OAuth2ClientException {
   public:
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     JsonException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
@@ -119,10 +132,12 @@ class ORBA_OAUTH2CLIENT_API JsonException : public OAuth2ClientException {
 /// @brief A failure of libcurl: a handle, an option, a transfer, a status, an escape.
 class ORBA_OAUTH2CLIENT_API CurlException : public OAuth2ClientException {
   public:
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     CurlException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
 
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text The text; deliberately cut at its first NUL byte, unlike the base class's.
     CurlException(int errorCode, const std::string& text)
@@ -136,6 +151,7 @@ class ORBA_OAUTH2CLIENT_API CurlException : public OAuth2ClientException {
 /// @brief A failure of the device's account-service library.
 class ORBA_OAUTH2CLIENT_API TovraException : public OAuth2ClientException {
   public:
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     TovraException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
@@ -148,10 +164,12 @@ class ORBA_OAUTH2CLIENT_API TovraException : public OAuth2ClientException {
 /// @brief A URL without the wanted parameter, or a device without a fingerprint (see utils.h).
 class ORBA_OAUTH2CLIENT_API OAuth2Exception : public OAuth2ClientException {
   public:
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     OAuth2Exception(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
 
+    /// @brief Keeps a code and a text.
     /// @param errorCode An error code.
     /// @param text The text; deliberately cut at its first NUL byte, unlike the base class's.
     OAuth2Exception(int errorCode, const std::string& text)

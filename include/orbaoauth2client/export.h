@@ -3,7 +3,7 @@
 #ifndef ORBAOAUTH2CLIENT_EXPORT_H
 #define ORBAOAUTH2CLIENT_EXPORT_H
 
-/// Marks a class or function as part of the public interface; everything else stays hidden.
+/// @brief Marks a class or function as part of the public interface; everything else stays hidden.
 #define ORBA_OAUTH2CLIENT_API __attribute__((visibility("default")))
 
 #endif

@@ -33,11 +33,16 @@ class ORBA_OAUTH2CLIENT_API OAuth2 {
     ~OAuth2();
 
     /// @brief Asks the OAuth2 server for a login and takes the challenge from its redirect.
+    ///
+    /// One GET of the authorization URL, which begins the session in the cookie file.
+    ///
     /// @return The decoded value of "login_challenge" in the redirect URL; may be empty.
     /// @throws OAuth2ClientException code 4 when the answer is not a 302 (another redirect counts
     /// as a failure, too); the text tells the status and the redirect URL.
     /// @throws OAuth2Exception code 12 when the redirect URL carries no login_challenge.
-    /// @throws HttpClientException as HttpClient::HttpClient::get(bool) does.
+    /// @throws HttpClientException as HttpClient::HttpClient::get(bool) does; code 12 for an empty
+    /// authorization URL or cookie file path, 14 when the server refuses the request (status 4xx).
+    /// @note Blocks for up to about 91 s.
     std::string getServerLoginChallenge();
 
     /// @brief Logs the device in to the identity provider, through the account-service library.
@@ -50,15 +55,31 @@ class ORBA_OAUTH2CLIENT_API OAuth2 {
     /// has none. On failure it holds whatever was parsed so far, on "badauth" the whole reply.
     /// @param loginChallenge The challenge of getServerLoginChallenge().
     /// @throws OAuth2ClientException this very class, with the text "Failed to Login IDP due to: "
-    /// and what went wrong, and the code 19 (account), 20 (server configuration), 10 (serial
-    /// number), 11 (hash table), 21 (request not sent), 2 (reply not JSON), 22 ("badauth") or 1
-    /// (any other std::exception, for example for a reply without body).
+    /// and what went wrong, and a code of this table:
+    ///
+    /// | Code | What went wrong |
+    /// |-----:|-----------------|
+    /// |  1 | any other std::exception, for example for a reply without body |
+    /// |  2 | the reply is not JSON; the text holds it whole |
+    /// | 10 | no serial number |
+    /// | 11 | no memory for the parameters |
+    /// | 19 | no linked account |
+    /// | 20 | no server configuration |
+    /// | 21 | the request was not sent, or not answered |
+    /// | 22 | "badauth" |
+    ///
+    /// @note Blocks for as long as the account-service library takes. Any answer but "badauth"
+    /// counts as success here: a refused challenge shows when followRedirectUntilCallback() finds
+    /// no "redirect_to".
     void loginIDP(Json::Value& reply, const std::string& loginChallenge);
 
     /// @brief Follows the redirects after the login, one GET at a time, up to the callback.
     ///
     /// The callback is the first redirect URL that holds the authorization URL's redirect_uri
     /// anywhere in it. It is returned, never requested. At most 5 GETs are made.
+    ///
+    /// libcurl rebuilds redirect URLs ("app://cb?x=1" becomes "app://cb/?x=1"), so only a
+    /// redirect_uri that it rebuilds unchanged is ever found.
     ///
     /// @param idpReply The reply of loginIDP(); its "redirect_to" is where the way begins.
     /// @return The callback URL, whole and not decoded.
@@ -69,6 +90,7 @@ class ORBA_OAUTH2CLIENT_API OAuth2 {
     /// or empty "redirect_to".
     /// @throws Json::Exception (jsoncpp's own) when `idpReply` is neither object nor null, or its
     /// "redirect_to" is no text.
+    /// @note Blocks for up to about 91 s for each GET.
     std::string followRedirectUntilCallback(const Json::Value& idpReply);
 
     /// @brief Gets the result of the authorization request with the device's linked account.
@@ -81,8 +103,11 @@ class ORBA_OAUTH2CLIENT_API OAuth2 {
     /// @return The grant as the account service gives it (a code or a URL), or the callback URL of
     /// the web flow. A caller accepts both.
     /// @throws OAuth2Exception code 12 when the authorization URL lacks one of the parameters.
-    /// @throws std::exception whatever the account-service library throws for the grant; and all
-    /// that the steps of the web flow throw.
+    /// @throws OAuth2ClientException and its subclasses: all that the steps of the web flow throw,
+    /// unchanged; Json::Exception likewise.
+    /// @throws std::exception whatever the account-service library throws for the grant, or when
+    /// its services cannot be made; such an exception has no code of the table.
+    /// @note Blocks for the sum of its steps.
     std::string loginServiceByOrbaAccount();
 
   private:

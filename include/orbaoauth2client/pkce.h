@@ -11,6 +11,7 @@
 
 #include "orbaoauth2client/export.h"
 
+/// @brief The token endpoint: exchange of an authorization code and refresh.
 namespace ORBA::OAuth2Client::PKCE {
 
 /// @brief What getAccessToken() needs to know. All values are used as they are: nothing is trimmed,
@@ -24,7 +25,8 @@ struct ParamGetAccessToken {
     std::string redirectURI;    ///< That of the authorization request, sent as "redirect_uri".
 };
 
-/// @brief What refreshAccessToken() needs to know. Values are used as they are, as above.
+/// @brief What refreshAccessToken() needs to know. Values are used as they are, as in
+/// ParamGetAccessToken.
 struct ParamRefreshAccessToken {
     std::string tokenFilePath;  ///< The file that holds the last reply and receives the new one.
     std::string tokenURL;       ///< The token endpoint's URL.
@@ -36,6 +38,9 @@ struct ParamRefreshAccessToken {
 /// The reply is stored as it came; whether it holds an access token is not looked at. The token
 /// file is opened after the reply has come, so a failed exchange leaves it as it was. It gets the
 /// mode of the process's umask when it is new: create it with mode 0600 beforehand.
+///
+/// A code that the account service granted is bound to no code challenge: it goes with an empty
+/// `codeVerifier`, because a strict server refuses it with any other (RFC 9700, section 2.1.1).
 ///
 /// @param param The code, its verifier and the client's data.
 /// @throws HttpClientException as HttpClient::HttpClient::postURLEncodedString() does, for example

@@ -11,6 +11,7 @@
 #undef curl_easy_setopt
 #undef curl_easy_getinfo
 
+using fakes::OwnWork;
 using fakes::world;
 
 namespace {
@@ -107,21 +108,40 @@ std::string nameOfList(const curl_slist* list) {
     return list == nullptr ? "null" : "list[" + std::string(list->data) + "]";
 }
 
+void freeList(curl_slist* list) {
+    while (list != nullptr) {
+        curl_slist* const next = list->next;
+        std::free(list->data);
+        delete list;
+        list = next;
+    }
+}
+
+// A text that the caller has to give back with curl_free().
+char* giveText(const std::string& text) {
+    auto* const out = static_cast<char*>(std::malloc(text.size() + 1));
+    std::memcpy(out, text.c_str(), text.size() + 1);
+    world().hold(out, "text", [out] { std::free(out); });
+    return out;
+}
+
 }  // namespace
 
 extern "C" {
 
 CURL* curl_easy_init(void) {
+    const OwnWork own;
     if (world().enter("curl_easy_init", "")) {
         return nullptr;
     }
     auto* const handle = new Handle();
     handle->name = "curl" + std::to_string(world().counts["curl_easy_init"]);
-    world().held.insert(handle->name);
+    world().hold(handle, handle->name, [handle] { delete handle; });
     return handle;
 }
 
 CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
+    const OwnWork own;
     Handle& handle = handleOf(curl);
     va_list arguments;
     va_start(arguments, option);
@@ -137,6 +157,7 @@ CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
 }
 
 CURLcode curl_easy_perform(CURL* curl) {
+    const OwnWork own;
     Handle& handle = handleOf(curl);
     const bool fails = world().enter("curl_easy_perform", handle.name);
     world().requests.push_back(handle.request);
@@ -154,7 +175,11 @@ CURLcode curl_easy_perform(CURL* curl) {
         transfer.pieces.push_back(transfer.body);
     }
     for (std::string& piece : transfer.pieces) {
-        if (handle.write(piece.data(), 1, piece.size(), handle.writeData) != piece.size()) {
+        const std::size_t taken = own.callBack([&] {
+            return handle.write(piece.data(), transfer.itemSize, piece.size() / transfer.itemSize,
+                                handle.writeData);
+        });
+        if (taken != piece.size()) {
             return CURLE_WRITE_ERROR;
         }
     }
@@ -164,6 +189,7 @@ CURLcode curl_easy_perform(CURL* curl) {
 }
 
 CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
+    const OwnWork own;
     Handle& handle = handleOf(curl);
     va_list arguments;
     va_start(arguments, info);
@@ -186,18 +212,20 @@ CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
 }
 
 void curl_easy_cleanup(CURL* curl) {
+    const OwnWork own;
+    world().release(curl);
     const std::unique_ptr<Handle> handle(static_cast<Handle*>(curl));
     world().enter("curl_easy_cleanup", handle->name);
-    world().release(handle->name);
 }
 
 curl_slist* curl_slist_append(curl_slist* list, const char* line) {
+    const OwnWork own;
     if (world().enter("curl_slist_append", nameOfList(list) + ", " + line)) {
         return nullptr;
     }
     auto* const added = new curl_slist{strdup(line), nullptr};
     if (list == nullptr) {
-        world().held.insert(nameOfList(added));
+        world().hold(added, nameOfList(added), [added] { freeList(added); });
         return added;
     }
     curl_slist* last = list;
@@ -209,18 +237,15 @@ curl_slist* curl_slist_append(curl_slist* list, const char* line) {
 }
 
 void curl_slist_free_all(curl_slist* list) {
+    const OwnWork own;
+    world().release(list);
     world().enter("curl_slist_free_all", nameOfList(list));
-    world().release(nameOfList(list));
-    while (list != nullptr) {
-        curl_slist* const next = list->next;
-        std::free(list->data);
-        delete list;
-        list = next;
-    }
+    freeList(list);
 }
 
 // Encodes "%", "&", "=", "/" and the blank, enough to see that values and only values pass here.
 char* curl_easy_escape(CURL* curl, const char* text, int length) {
+    const OwnWork own;
     const std::string value(text, static_cast<std::size_t>(length));
     if (world().enter("curl_easy_escape", handleOf(curl).name + ", " + value) ||
         world().escapeFails) {
@@ -233,11 +258,11 @@ char* curl_easy_escape(CURL* curl, const char* text, int length) {
         const auto found = encoded.find(c);
         escaped += found == encoded.end() ? std::string(1, c) : found->second;
     }
-    world().held.insert("text");
-    return strdup(escaped.c_str());
+    return giveText(escaped);
 }
 
 char* curl_easy_unescape(CURL* curl, const char* text, int length, int* outLength) {
+    const OwnWork own;
     const std::string value(text, static_cast<std::size_t>(length));
     if (world().enter("curl_easy_unescape", handleOf(curl).name + ", " + value) ||
         world().unescapeFails) {
@@ -255,15 +280,13 @@ char* curl_easy_unescape(CURL* curl, const char* text, int length, int* outLengt
         }
     }
     *outLength = static_cast<int>(decoded.size());
-    auto* const out = static_cast<char*>(std::malloc(decoded.size() + 1));
-    std::memcpy(out, decoded.c_str(), decoded.size() + 1);
-    world().held.insert("text");
-    return out;
+    return giveText(decoded);
 }
 
 void curl_free(void* text) {
+    const OwnWork own;
+    world().release(text);
     world().enter("curl_free", "");
-    world().release("text");
     std::free(text);
 }
 

@@ -11,6 +11,7 @@
 
 #include "fakes.h"
 
+using fakes::OwnWork;
 using fakes::world;
 
 struct KLIBCSzHash {
@@ -24,6 +25,10 @@ std::string decimal(std::size_t number) { return std::to_string(number); }
 template <std::size_t size>
 void write(char (&out)[size], const std::string& text) {
     text.copy(out, size - 1);
+}
+
+void holdTable(KLIBCSzHash* table) {
+    world().hold(table, "table", [table] { delete table; });
 }
 
 // Whether the caller has zeroed the record.
@@ -41,10 +46,12 @@ std::string zeroed(const void* record, std::size_t size) {
 extern "C" {
 
 int KLIBCFileTouch(const char* path) {
+    const OwnWork own;
     return world().enter("KLIBCFileTouch", path) ? -1 : world().device.touchResult;
 }
 
 int KLIBGetSerialNumber(char* serial, std::size_t size) {
+    const OwnWork own;
     if (world().enter("KLIBGetSerialNumber", zeroed(serial, size) + ", " + decimal(size))) {
         return -1;
     }
@@ -55,42 +62,51 @@ int KLIBGetSerialNumber(char* serial, std::size_t size) {
 }
 
 KLIBCSzHash* KLIBCSzHashAlloc(int size) {
+    const OwnWork own;
     if (world().enter("KLIBCSzHashAlloc", std::to_string(size)) || world().device.tableFails) {
         return nullptr;
     }
-    world().held.insert("table");
-    return new KLIBCSzHash();
+    auto* const table = new KLIBCSzHash();
+    holdTable(table);
+    return table;
 }
 
 // Replaces the table each time, as the real one may do.
 int KLIBCSzHashSetValue(KLIBCSzHash** table, const char* key, const char* value) {
+    const OwnWork own;
     if (world().enter("KLIBCSzHashSetValue", std::string(key) + ", " + value)) {
         return -1;
     }
     auto* const grown = new KLIBCSzHash(**table);
     grown->fields.emplace_back(key, value);
+    world().release(*table);
     delete *table;
     *table = grown;
+    holdTable(grown);
     return 0;
 }
 
 void KLIBCSzHashFree(KLIBCSzHash* table) {
+    const OwnWork own;
     world().enter("KLIBCSzHashFree", "");
-    world().release("table");
+    world().release(table);
     delete table;
 }
 
 void ORBATOVRAErrSet(unsigned int code) {
+    const OwnWork own;
     world().enter("ORBATOVRAErrSet", std::to_string(code));
     world().device.errorNumber = code;
 }
 
 unsigned int ORBATOVRAErrGet(void) {
+    const OwnWork own;
     world().enter("ORBATOVRAErrGet", "");
     return world().device.errorNumber;
 }
 
 int ORBATOVRAUserAgentNameGet(char* name, std::size_t size) {
+    const OwnWork own;
     const bool fails = world().enter("ORBATOVRAUserAgentNameGet", decimal(size));
     if (fails || world().device.userAgentResult != 0) {
         world().device.errorNumber = 4000000000U;
@@ -101,6 +117,7 @@ int ORBATOVRAUserAgentNameGet(char* name, std::size_t size) {
 }
 
 int ORBATOVRAAccountGet(TovraAccountRecord* account) {
+    const OwnWork own;
     if (world().enter("ORBATOVRAAccountGet", zeroed(account, sizeof *account))) {
         return -1;
     }
@@ -110,6 +127,7 @@ int ORBATOVRAAccountGet(TovraAccountRecord* account) {
 }
 
 int ORBATOVRAServerConfigGet(TovraServerConfigRecord* config) {
+    const OwnWork own;
     if (world().enter("ORBATOVRAServerConfigGet", zeroed(config, sizeof *config))) {
         return -1;
     }
@@ -119,6 +137,7 @@ int ORBATOVRAServerConfigGet(TovraServerConfigRecord* config) {
 
 int ORBATOVRAHttpsRequestSend(const TovraHttpsRequestRecord* request,
                               TovraHttpsResponseRecord* response) {
+    const OwnWork own;
     const std::string rest = zeroed(request->reserved, sizeof request->reserved);
     if (world().enter("ORBATOVRAHttpsRequestSend",
                       std::string(request->server) + ", " + request->path + ", " + rest + ", " +
@@ -129,27 +148,30 @@ int ORBATOVRAHttpsRequestSend(const TovraHttpsRequestRecord* request,
     }
     world().loginFields = request->parameters->fields;
     if (world().device.reply && world().device.sendResult >= 0) {
-        response->body = strdup(world().device.reply->c_str());
-        world().held.insert("response");
+        char* const body = strdup(world().device.reply->c_str());
+        world().hold(body, "response", [body] { std::free(body); });
+        response->body = body;
     }
     return world().device.sendResult;
 }
 
 void ORBATOVRAHttpsResponseFree(TovraHttpsResponseRecord* response) {
+    const OwnWork own;
     world().enter("ORBATOVRAHttpsResponseFree", response->body == nullptr ? "empty" : "body");
     if (response->body != nullptr) {
-        world().release("response");
+        world().release(response->body);
         std::free(response->body);
         response->body = nullptr;
     }
 }
 
 int ORBATOVRAAccountRemove(void) {
-    world().enter("ORBATOVRAAccountRemove", "");
-    return world().device.removeResult;
+    const OwnWork own;
+    return world().enter("ORBATOVRAAccountRemove", "") ? -1 : world().device.removeResult;
 }
 
 int ORBAUDCPseudonymise(char** pseudonym, const char* serial, std::size_t length) {
+    const OwnWork own;
     if (world().enter("ORBAUDCPseudonymise",
                       std::string(*pseudonym == nullptr ? "null" : "not null") + ", " +
                           std::string(serial, length) + ", " + decimal(length)) ||
@@ -167,35 +189,54 @@ namespace orbatovra {
 TovraException::TovraException(std::string text) : text_(std::move(text)) {}
 const char* TovraException::what() const noexcept { return text_.c_str(); }
 
+namespace {
+
+void enterOrThrow(const std::string& name, const std::string& arguments) {
+    if (world().enter(name, arguments)) {
+        throw TovraException(name + " fails");
+    }
+}
+
+// The services are objects of the caller's.
+void nothingToLetGo() {}
+
+}  // namespace
+
 AccountPkceService::AccountPkceService() {
-    world().enter("AccountPkceService", "");
-    world().held.insert("pkce service");
+    const OwnWork own;
+    enterOrThrow("AccountPkceService", "");
+    world().hold(this, "pkce service", nothingToLetGo);
 }
 
 AccountPkceService::~AccountPkceService() {
+    const OwnWork own;
     world().enter("~AccountPkceService", "");
-    world().release("pkce service");
+    world().release(this);
 }
 
 std::string AccountPkceService::GetAccessToken() const {
-    world().enter("GetAccessToken", "");
+    const OwnWork own;
+    enterOrThrow("GetAccessToken", "");
     return world().device.accessToken();
 }
 
 AccountFleetLensService::AccountFleetLensService() {
-    world().enter("AccountFleetLensService", "");
-    world().held.insert("fleet lens service");
+    const OwnWork own;
+    enterOrThrow("AccountFleetLensService", "");
+    world().hold(this, "fleet lens service", nothingToLetGo);
 }
 
 AccountFleetLensService::~AccountFleetLensService() {
+    const OwnWork own;
     world().enter("~AccountFleetLensService", "");
-    world().release("fleet lens service");
+    world().release(this);
 }
 
 std::string AccountFleetLensService::Grant(const std::string& clientId, const std::string& scope,
                                            const std::string& redirectUri,
                                            const std::string& state) const {
-    world().enter("Grant", clientId + ", " + scope + ", " + redirectUri + ", " + state);
+    const OwnWork own;
+    enterOrThrow("Grant", clientId + ", " + scope + ", " + redirectUri + ", " + state);
     return world().device.grant();
 }
 

@@ -1,4 +1,4 @@
-// syslog, nanosleep, realloc and free (the linker is told to --wrap the last two).
+// syslog and nanosleep.
 #include <syslog.h>
 
 #include <algorithm>
@@ -15,6 +15,7 @@ using fakes::world;
 extern "C" {
 
 void syslog(int priority, const char* format, ...) {
+    const fakes::OwnWork own;
     va_list arguments;
     va_start(arguments, format);
     va_list again;
@@ -36,11 +37,12 @@ void syslog(int priority, const char* format, ...) {
 }
 
 int nanosleep(const timespec* request, timespec* remainder) {
-    world().enter("nanosleep", std::to_string(request->tv_sec) + " s " +
-                                   std::to_string(request->tv_nsec) + " ns, " +
-                                   (request == remainder ? "same" : "other"));
-    if (world().interruptedPauses > 0) {
-        --world().interruptedPauses;
+    const fakes::OwnWork own;
+    const bool fails = world().enter("nanosleep", std::to_string(request->tv_sec) + " s " +
+                                                      std::to_string(request->tv_nsec) + " ns, " +
+                                                      (request == remainder ? "same" : "other"));
+    if (fails || world().interruptedPauses > 0) {
+        world().interruptedPauses -= fails ? 0 : 1;
         remainder->tv_nsec = request->tv_nsec / 2;
         errno = EINTR;
         return -1;
@@ -51,26 +53,6 @@ int nanosleep(const timespec* request, timespec* remainder) {
         return errno == 0 ? 0 : -1;
     }
     return 0;
-}
-
-void* __real_realloc(void* block, std::size_t size);
-void __real_free(void* block);
-
-void* __wrap_realloc(void* block, std::size_t size) {
-    if (world().enter("realloc", std::to_string(size))) {
-        return nullptr;
-    }
-    void* const grown = __real_realloc(block, size);
-    world().buffers.erase(block);
-    world().buffers.insert(grown);
-    return grown;
-}
-
-void __wrap_free(void* block) {
-    if (world().buffers.erase(block) != 0) {
-        world().enter("free", "");
-    }
-    __real_free(block);
 }
 
 }  // extern "C"

@@ -1,6 +1,7 @@
 #include "fakes.h"
 
 #include <algorithm>
+#include <cstdlib>
 #include <stdexcept>
 
 namespace fakes {
@@ -12,22 +13,59 @@ World& world() {
 
 void reset() { world() = World(); }
 
-bool World::enter(const std::string& name, const std::string& arguments) {
-    calls.push_back(name + "(" + arguments + ")");
+bool World::isToFail(const std::string& name) {
     const int count = ++counts[name];
-    if (onCall) {
-        onCall(name);
-    }
     const auto wanted = failAt.find(name);
     return wanted != failAt.end() && wanted->second == count;
 }
 
-void World::release(const std::string& what) {
-    const auto found = held.find(what);
-    if (found == held.end()) {
-        throw std::logic_error("released but not held: " + what);
+bool World::enter(const std::string& name, const std::string& arguments) {
+    calls.push_back(name + "(" + arguments + ")");
+    const bool fails = isToFail(name);
+    if (fails) {
+        failedCall = calls.size() - 1;
     }
-    held.erase(found);
+    if (onCall) {
+        onCall(name);
+    }
+    return fails;
+}
+
+bool World::enterAllocation(const std::string& name) {
+    const bool fails = isToFail(name);
+    if (fails) {
+        failedCall = calls.size();
+        calls.push_back(name + "()");
+    }
+    return fails;
+}
+
+void World::hold(const void* what, const std::string& name, const std::function<void()>& letGo) {
+    held[what] = {name, letGo};
+}
+
+void World::release(const void* what) {
+    if (held.erase(what) == 0) {
+        throw std::logic_error("released but not held");
+    }
+}
+
+std::vector<std::string> heldNames() {
+    std::vector<std::string> names;
+    for (const auto& [what, held] : world().held) {
+        names.push_back(held.name);
+    }
+    return names;
+}
+
+void letGoOfWhatIsHeld() {
+    for (const auto& [what, held] : world().held) {
+        held.letGo();
+    }
+    world().held.clear();
+    while (!world().buffers.empty()) {
+        std::free(*world().buffers.begin());
+    }
 }
 
 std::vector<std::string> callsOf(const std::vector<std::string>& prefixes) {

@@ -1,5 +1,6 @@
-// Stand-ins for what the library calls: libcurl, syslog, nanosleep, realloc and the platform.
-// They record every call in order and do what the test tells them; they decide nothing themselves.
+// Stand-ins for what the library calls: libcurl, syslog, nanosleep, the allocators and the
+// platform. They record every call in order and do what the test tells them; they decide nothing
+// themselves.
 #ifndef ORBA_TESTS_FAKES_H
 #define ORBA_TESTS_FAKES_H
 
@@ -32,6 +33,7 @@ struct Transfer {
     std::string body = "{}";  // one piece, unless `pieces` are given; empty: no call at all
     std::vector<std::string> pieces = {};
     std::optional<std::string> redirectUrl = {};
+    std::size_t itemSize = 1;  // as the write callback is told; pieces are multiples of it
 };
 
 // What the handle held when a transfer was made.
@@ -63,6 +65,37 @@ struct Device {
     std::function<std::string()> grant = [] { return std::string("grant-code"); };
 };
 
+// While one lives, the code under test is at work: its allocations are counted, and fail on order.
+class UnderTest {
+  public:
+    explicit UnderTest(bool atWork = true);
+    ~UnderTest();
+    UnderTest(const UnderTest&) = delete;
+    UnderTest& operator=(const UnderTest&) = delete;
+
+    const bool before;  // whether it was at work when this began
+};
+
+// While one lives, it is not. Each stand-in begins with one.
+class OwnWork {
+  public:
+    // Calls back into the code that called the stand-in.
+    template <class Call>
+    auto callBack(const Call& call) const {
+        const UnderTest caller(pause.before);
+        return call();
+    }
+
+  private:
+    const UnderTest pause{false};
+};
+
+// Something that the code under test has to give back.
+struct Held {
+    std::string name;
+    std::function<void()> letGo;
+};
+
 struct World {
     // --- what happened ---
     std::vector<std::string> calls;  // every call with its arguments, syslog lines included
@@ -83,23 +116,36 @@ struct World {
     Device device;
     // Called before every call does its work; may throw, to try the handlers.
     std::function<void(const std::string& name)> onCall;
-    // Makes the n-th call of that name fail in its own way: null, non-zero.
+    // Makes the n-th call of that name fail in its own way: null, non-zero, an exception.
+    // Allocations are "operator new" and "malloc"; they stand among the calls only when they fail.
     std::map<std::string, int> failAt;
+    std::optional<std::size_t> failedCall;  // the index in `calls` of the one that failed so
 
     // --- what is held ---
-    std::multiset<std::string> held;  // handles, lists, texts, tables that are not released
-    std::set<void*> buffers;          // blocks of realloc() that are not freed
+    std::map<const void*, Held> held;  // handles, lists, texts, tables that are not released
+    std::set<void*> buffers;           // blocks of realloc() that are not freed
 
     std::map<std::string, int> counts;
 
     // Notes a call; returns whether the test wants this one to fail.
     bool enter(const std::string& name, const std::string& arguments);
-    void release(const std::string& what);
+    bool enterAllocation(const std::string& name);
+    void hold(const void* what, const std::string& name, const std::function<void()>& letGo);
+    void release(const void* what);
+
+  private:
+    bool isToFail(const std::string& name);
 };
 
 // The one world of the running test.
 World& world();
 void reset();
+
+// The names of what is held.
+std::vector<std::string> heldNames();
+
+// Gives back what the code under test has deliberately not given back.
+void letGoOfWhatIsHeld();
 
 // The calls whose names begin with one of the prefixes, in order.
 std::vector<std::string> callsOf(const std::vector<std::string>& prefixes);

@@ -60,7 +60,7 @@ test_NodeTooOld_IsSaidInOneLine() {
 test_Argument_IsRefused() {
     run scripts/setup --something
     expect_equal "$status" 1 "status"
-    expect_equal "$errors" "scripts/setup: usage: scripts/setup" "complaint"
+    expect_equal "$errors" "scripts/setup: usage: scripts/setup [--check | --bench]" "complaint"
 }
 
 test_OtherSystem_PackagesAreNamed() {

@@ -18,14 +18,8 @@ class FakesTest : public ::testing::Test {
     void SetUp() override { fakes::reset(); }
 
     void TearDown() override {
-        EXPECT_THAT(fakes::world().held, ::testing::IsEmpty());
+        EXPECT_THAT(fakes::heldNames(), ::testing::IsEmpty());
         EXPECT_THAT(fakes::world().buffers, ::testing::IsEmpty());
-    }
-
-    // For the paths that release nothing: the test has looked at what is held, and lets it go.
-    static void forgetWhatIsHeld() {
-        fakes::world().held.clear();
-        fakes::world().buffers.clear();
     }
 };
 

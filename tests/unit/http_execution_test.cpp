@@ -98,6 +98,14 @@ TEST_F(HttpExecution, OnlyTheLastResultCounts) {
     EXPECT_THAT(fakes::callsOf({"curl_easy_setopt"}), ElementsAre(kIPv4));
 }
 
+TEST_F(HttpExecution, UnresolvedHost_IsCode31AfterOneRestriction) {
+    failWith({CURLE_COULDNT_RESOLVE_HOST});
+    expectThrows<CurlException>([&] { client.fireRequest(curl); }, 31,
+                                "[Failed to resolve host of url.]: curl return: 6");
+    EXPECT_THAT(fakes::callsOf({"curl", "nano"}),
+                ElementsAre(kPerform, kPause, kPerform, kIPv4, kPause, kPerform));
+}
+
 struct TransportFailure {
     int result;
     int code;

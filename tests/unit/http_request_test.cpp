@@ -147,9 +147,9 @@ TEST_P(EachRequest, NoStandardException_PassesAndReleasesNothing) {
     };
     EXPECT_THROW(run(), int);
     EXPECT_THAT(fakes::callsOf({"curl_easy_cleanup", "curl_slist_free_all", "free"}), IsEmpty());
-    EXPECT_EQ(2U, world().held.size());
+    EXPECT_EQ(2U, fakes::heldNames().size());
     EXPECT_EQ(GetParam().readsJson ? 1U : 0U, world().buffers.size());
-    forgetWhatIsHeld();
+    fakes::letGoOfWhatIsHeld();
     world().onCall = nullptr;
     run();  // the object is still good, and releases again
 }
@@ -329,9 +329,30 @@ TEST_P(HttpRequest, FollowingRefused_IsCode25) {
 }
 
 TEST_P(HttpRequest, GetOnly_TakesEveryByteAndKeepsNone) {
-    world().transfers = {{CURLE_OK, 200, "", {"123", std::string(100000, 'x')}, {}}};
-    client.get(false);
+    for (const std::size_t itemSize : {1U, 4U}) {
+        world().transfers = {{CURLE_OK, 200, "", {"1234", std::string(100000, 'x')}, {}, itemSize}};
+        client.get(false);
+    }
+    EXPECT_EQ(2U, world().requests.size());
     EXPECT_EQ(0, world().counts["realloc"]);
+}
+
+TEST_P(HttpRequest, GetWithFollowing_TellsOfTheFinalResponse) {
+    answer(302, "{}", "https://auth.test/next");
+    client.get(false);
+    answer(204, "");
+    client.get(true);
+    EXPECT_EQ(204, client.getRespCode());
+    EXPECT_EQ("", client.getRedirectURL());
+}
+
+TEST_P(HttpRequest, Post_RefusedWith400_IsCode14) {
+    answer(400, R"({"error":"invalid_grant"})");
+    expectThrows<HttpClientException>(
+        [&] { client.postURLEncodedString("a=1", out); }, 14,
+        kFrame + "URL [https://auth.test/x] replied http status code  400: curl return: 0");
+    EXPECT_EQ(400, client.getRespCode());
+    EXPECT_TRUE(out.isNull());
 }
 
 TEST_P(HttpRequest, Post_MakesTheseCallsInThisOrder) {

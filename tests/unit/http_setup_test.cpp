@@ -1,6 +1,8 @@
 // The client object and the set-up of a transfer.
 #include <json/json.h>
 
+#include <utility>
+
 #include "fixture.h"
 #include "orbaoauth2client/httpclient.h"
 
@@ -95,7 +97,7 @@ TEST_F(HttpSetUp, Failure_LeavesTheHandleToTheCaller) {
     expectThrows<CurlException>([&] { setUp(); }, 25,
                                 "Failed to set curl CURLOPT_URL: curl return: 27");
     ASSERT_NE(nullptr, curl);
-    EXPECT_EQ(1U, world().held.count("curl1"));
+    EXPECT_THAT(fakes::heldNames(), ElementsAre("curl1"));
 }
 
 struct OptionFailure {
@@ -203,9 +205,9 @@ TEST_F(HttpSetUp, HeadersOutsideOfARequest_BeginAListThatStaysWithTheHandle) {
     client.setHeader("a", "1");
     setUp();
     EXPECT_EQ(nullptr, list);
-    EXPECT_EQ(1U, world().held.count("list[a: 1]"));
-    forgetWhatIsHeld();
-    world().held.insert("curl1");
+    EXPECT_THAT(fakes::heldNames(), ::testing::UnorderedElementsAre("curl1", "list[a: 1]"));
+    curl_easy_cleanup(std::exchange(curl, nullptr));
+    fakes::letGoOfWhatIsHeld();
 }
 
 TEST_F(HttpSetUp, SameName_KeepsTheLastValue_LetterCaseTellsNamesApart) {
@@ -258,10 +260,15 @@ TEST_F(HttpSetUp, WriteCallBack_OutOfMemory_TakesNothingAndKeepsWhatItHas) {
     std::free(chunk.memory);
 }
 
-TEST(HttpClientLayout, IsThatOfItsFields) {
-    EXPECT_EQ(152U, sizeof(Client));
-    EXPECT_EQ(16U, sizeof(HttpClient::MemoryStruct));
-    EXPECT_FALSE(std::is_polymorphic_v<Client>);
+TEST_F(HttpSetUp, WriteCallBack_TakesItemsOfAnySize) {
+    HttpClient::MemoryStruct chunk = {nullptr, 0};
+    setUp();
+    client.setCurlWriteCallBack(curl, &chunk);
+    world().transfers = {{CURLE_OK, 200, "", {"123456", "789abc"}, {}, 3}};
+    ASSERT_EQ(CURLE_OK, curl_easy_perform(curl));
+    EXPECT_EQ(12U, chunk.size);
+    EXPECT_STREQ("123456789abc", chunk.memory);
+    std::free(chunk.memory);
 }
 
 }  // namespace

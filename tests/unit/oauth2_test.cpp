@@ -298,8 +298,8 @@ TEST_F(IdpLogin, NoStandardException_PassesAndReleasesNothing) {
     };
     EXPECT_THROW(login(), int);
     EXPECT_THAT(fakes::callsOf({"KLIBCSzHashFree", "ORBATOVRAHttpsResponseFree"}), IsEmpty());
-    EXPECT_THAT(world().held, ElementsAre("table"));
-    forgetWhatIsHeld();
+    EXPECT_THAT(fakes::heldNames(), ElementsAre("table"));
+    fakes::letGoOfWhatIsHeld();
 }
 
 // --- following the redirects ---

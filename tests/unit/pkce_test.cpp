@@ -136,6 +136,12 @@ TEST_F(Pkce, Exchange_FileThatCannotBeWritten_IsNotReported) {
     EXPECT_TRUE(std::filesystem::is_empty(folder));
 }
 
+TEST_F(Pkce, Exchange_DeviceThatIsFull_IsNotReported) {
+    ASSERT_TRUE(std::filesystem::is_character_file("/dev/full"));
+    PKCE::getAccessToken({"/dev/full", kTokenUrl, "cid", "abc", "xyz", "app://cb"});
+    EXPECT_EQ(1U, world().requests.size());
+}
+
 // --- the refresh ---
 
 TEST_F(Pkce, Refresh_SendsTheStoredTokenAndReplacesTheFile) {

@@ -18,7 +18,7 @@
 namespace orba_host {
 namespace {
 
-constexpr std::size_t kMaxProfileBytes = 1024 * 1024;
+constexpr std::size_t kMaxProfileBytes = 1024UL * 1024;
 constexpr int kMaxNesting = 64;
 
 std::string environmentText(const char* name) {
@@ -27,7 +27,7 @@ std::string environmentText(const char* name) {
 }
 
 std::string profilePath() {
-    const std::string own = environmentText("ORBA_HOST_PROFILE");
+    std::string own = environmentText("ORBA_HOST_PROFILE");
     if (!own.empty()) {
         return own;
     }
@@ -86,8 +86,8 @@ bool isUnicode(wchar_t c) { return static_cast<unsigned long>(c) <= 0x10FFFF; }
 
 bool isUtf8(std::string text) {
     std::wstring wide(text.size(), L'\0');  // a character has one byte at least
-    const iconv_t converter = ::iconv_open("WCHAR_T", "UTF-8");
-    if (converter == iconv_t(-1)) {
+    iconv_t converter = ::iconv_open("WCHAR_T", "UTF-8");
+    if (converter == iconv_t(-1)) {  // NOLINT(performance-no-int-to-ptr): the interface is such
         throw std::bad_alloc();
     }
     char* input = text.data();
@@ -166,7 +166,7 @@ std::string Profile::text(const std::string& name) const {
     if (!member->isString()) {
         throw failure(ORBA_HOST_MEMBER_TYPE, name, "is not a text");
     }
-    const std::string value = member->asString();
+    std::string value = member->asString();
     if (std::any_of(value.begin(), value.end(), isControl)) {
         throw failure(ORBA_HOST_MEMBER_TYPE, name, "holds a control character");
     }
@@ -174,7 +174,7 @@ std::string Profile::text(const std::string& name) const {
 }
 
 std::string Profile::text(const std::string& name, std::size_t size) const {
-    const std::string value = text(name);
+    std::string value = text(name);
     if (value.size() >= size) {
         throw failure(ORBA_HOST_MEMBER_TOO_LONG, name, "is too long");
     }

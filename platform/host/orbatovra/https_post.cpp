@@ -12,7 +12,7 @@
 namespace orba_host {
 namespace {
 
-constexpr std::size_t kMaxReplyBytes = 1024 * 1024;
+constexpr std::size_t kMaxReplyBytes = 1024UL * 1024;
 constexpr long kTimeoutSeconds = 30;
 
 struct CurlCleanup {

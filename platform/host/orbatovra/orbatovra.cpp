@@ -63,9 +63,9 @@ std::string jsonText(const Json::Value& document) {
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "    ";
     builder["emitUTF8"] = true;
-    const std::string text = Json::writeString(builder, document) + "\n";
-    if (!orba_host::parseJsonObject(
-            text)) {  // half a surrogate pair is read, but cannot be written
+    std::string text = Json::writeString(builder, document) + "\n";
+    // jsoncpp reads half a surrogate pair, and writes it as bytes that it would not read again.
+    if (!orba_host::parseJsonObject(text)) {
         throw Failure(ORBA_HOST_PROFILE_MALFORMED, "the device profile is not proper Unicode");
     }
     return text;

@@ -69,7 +69,7 @@ const char* TovraException::what() const noexcept { return text_.c_str(); }
 
 AccountPkceService::AccountPkceService() = default;
 
-AccountPkceService::~AccountPkceService() = default;
+AccountPkceService::~AccountPkceService() {}
 
 std::string AccountPkceService::GetAccessToken() const {
     return orTovraException("no PKCE access token", [] { return accessToken(Profile::read()); });
@@ -77,7 +77,7 @@ std::string AccountPkceService::GetAccessToken() const {
 
 AccountFleetLensService::AccountFleetLensService() = default;
 
-AccountFleetLensService::~AccountFleetLensService() = default;
+AccountFleetLensService::~AccountFleetLensService() {}
 
 std::string AccountFleetLensService::Grant(const std::string& clientId, const std::string& scope,
                                            const std::string& redirectUri,

@@ -59,6 +59,13 @@ if(NOT output STREQUAL "0 stand-in 4711 42\n")
     message(FATAL_ERROR "the consumer ran with other libraries: ${output}")
 endif()
 
+# Libraries of these names elsewhere are not taken for those that the root lacks.
+file(MAKE_DIRECTORY "${SCRATCH}/empty")
+file(COPY "${SCRATCH}/made/" DESTINATION "${SCRATCH}/elsewhere/lib")
+expect_refused(
+    "libklib.so not found in ORBA_PLATFORM_ROOT (${SCRATCH}/empty)" -DORBA_PLATFORM=device
+    "-DORBA_PLATFORM_ROOT=${SCRATCH}/empty" "-DCMAKE_PREFIX_PATH=${SCRATCH}/elsewhere")
+
 set(device -DORBA_PLATFORM=device)
 set(root "-DORBA_PLATFORM_ROOT=${SCRATCH}/root")
 foreach(name IN ITEMS klib orbatovra orbaudc)

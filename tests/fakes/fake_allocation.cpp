@@ -1,0 +1,92 @@
+// operator new and delete, malloc, realloc and free. The linker is told to --wrap the last three,
+// which reaches what is linked here; operator new reaches jsoncpp and the standard library, too.
+#include <cstdlib>
+#include <new>
+
+#include "fakes.h"
+
+using fakes::world;
+
+namespace {
+
+thread_local bool underTest = false;
+
+}  // namespace
+
+namespace fakes {
+
+UnderTest::UnderTest(bool atWork) : before(underTest) { underTest = atWork; }
+UnderTest::~UnderTest() { underTest = before; }
+
+}  // namespace fakes
+
+extern "C" {
+
+void* __real_malloc(std::size_t size);
+void* __real_realloc(void* block, std::size_t size);
+void __real_free(void* block);
+
+void* __wrap_malloc(std::size_t size) {
+    if (underTest) {
+        const fakes::OwnWork own;
+        if (world().enterAllocation("malloc")) {
+            return nullptr;
+        }
+    }
+    return __real_malloc(size);
+}
+
+void* __wrap_realloc(void* block, std::size_t size) {
+    const fakes::OwnWork own;
+    if (world().enter("realloc", std::to_string(size))) {
+        return nullptr;
+    }
+    void* const grown = __real_realloc(block, size);
+    world().buffers.erase(block);
+    world().buffers.insert(grown);
+    return grown;
+}
+
+void __wrap_free(void* block) {
+    const fakes::OwnWork own;
+    if (world().buffers.erase(block) != 0) {
+        world().enter("free", "");
+    }
+    __real_free(block);
+}
+
+}  // extern "C"
+
+namespace {
+
+void* allocate(std::size_t size) {
+    if (underTest) {
+        const fakes::OwnWork own;
+        if (world().enterAllocation("operator new")) {
+            return nullptr;
+        }
+    }
+    return __real_malloc(size == 0 ? 1 : size);
+}
+
+void* allocateOrThrow(std::size_t size) {
+    void* const block = allocate(size);
+    if (block == nullptr) {
+        throw std::bad_alloc();
+    }
+    return block;
+}
+
+}  // namespace
+
+// All of them: a sanitizer that kept some for itself would see blocks of one freed by the other.
+void* operator new(std::size_t size) { return allocateOrThrow(size); }
+void* operator new[](std::size_t size) { return allocateOrThrow(size); }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void* operator new[](std::size_t size, const std::nothrow_t&) noexcept { return allocate(size); }
+void operator delete(void* block) noexcept { __real_free(block); }
+void operator delete[](void* block) noexcept { __real_free(block); }
+void operator delete(void* block, std::size_t) noexcept { __real_free(block); }
+void operator delete[](void* block, std::size_t) noexcept { __real_free(block); }
+void operator delete(void* block, const std::nothrow_t&) noexcept { __real_free(block); }
+void operator delete[](void* block, const std::nothrow_t&) noexcept { __real_free(block); }
