@@ -153,8 +153,9 @@ void pauseBeforeNextAttempt() {
     }
 }
 
-// The callbacks are called by C code: no exception may leave them.
-std::size_t writeMemoryCallBack(void* piece, std::size_t size, std::size_t count, void* data) {
+// The callbacks are called by C code: no exception may leave them, and their type must be libcurl's
+// to the letter, so the options below take them as curl_write_callback.
+std::size_t writeMemoryCallBack(char* piece, std::size_t size, std::size_t count, void* data) {
     MemoryStruct& chunk = *static_cast<MemoryStruct*>(data);
     const std::size_t length = size * count;
     void* const grown = std::realloc(chunk.memory, chunk.size + length + 1);
@@ -170,7 +171,7 @@ std::size_t writeMemoryCallBack(void* piece, std::size_t size, std::size_t count
     return length;
 }
 
-std::size_t discardCallBack(void* /*piece*/, std::size_t size, std::size_t count, void* /*data*/) {
+std::size_t discardCallBack(char* /*piece*/, std::size_t size, std::size_t count, void* /*data*/) {
     return size * count;
 }
 
@@ -239,7 +240,8 @@ void HttpClient::get(bool followRedirects) {
     redirectURL.clear();
     runRequest(url, [&](Transfer& transfer) {
         setCurlCommonInit(&transfer.curl, &transfer.headerList, url, cookiesFilePath);
-        setOption(transfer.curl, CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION", &discardCallBack);
+        setOption(transfer.curl, CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION",
+                  curl_write_callback{&discardCallBack});
         if (followRedirects) {
             setOption(transfer.curl, CURLOPT_FOLLOWLOCATION, "CURLOPT_FOLLOWLOCATION", 1L);
         }
@@ -329,7 +331,8 @@ void HttpClient::setCurlHeaders(void* curl, curl_slist* list,
 }
 
 void HttpClient::setCurlWriteCallBack(void* curl, MemoryStruct* chunk) {
-    setOption(curl, CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION", &writeMemoryCallBack);
+    setOption(curl, CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION",
+              curl_write_callback{&writeMemoryCallBack});
     setOption(curl, CURLOPT_WRITEDATA, "CURLOPT_WRITEDATA", chunk);
 }
 
