@@ -50,8 +50,7 @@ end_what_is_left() {
 }
 
 expect_nothing_left() {
-    # shellcheck disable=SC2016 # evaluated there
-    wait_until '[[ -z $(processes_left) ]]' || fail "still running: $(processes_left)"
+    expect_equal "$(processes_left)" "" "what still runs"
     expect_equal "$(ls -A "$temporary")" "" "what is left in TMPDIR"
 }
 

@@ -39,4 +39,5 @@ test_TemporaryFolder_IsGoneBeforeTheCommandStarts() {
     wait_until '[[ -e build/ready ]]'
     expect_equal "$(ls -A "$TMPDIR")" "" "temporary files"
     kill $!
+    wait $! || true
 }

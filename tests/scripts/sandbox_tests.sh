@@ -243,10 +243,12 @@ test_LeftProcesses_AreEnded() {
     ((SECONDS < 50)) || fail "it waited for them"
 }
 
-# start_and_signal SIGNAL: sets $status; three processes that ignore the signal run inside.
+# start_and_signal SIGNAL: sets $status. Inside are processes that ignore the signal, and one that
+# goes on writing to /tmp.
 start_and_signal() {
-    env --default-signal=INT,QUIT scripts/sandbox bash -c 'trap "" HUP INT TERM; sleep 100 &
-        setsid sleep 100 & echo >build/ready; wait' &
+    env --default-signal=INT,QUIT scripts/sandbox bash -c 'trap "" HUP INT QUIT TERM; sleep 100 &
+        setsid sleep 100 & (for ((i = 0; ; i++)); do echo >/tmp/$i; done) &
+        echo >build/ready; wait' &
     wait_until '[[ -e build/ready ]]'
     [[ $(processes_left) == *"sleep 100"*"sleep 100"* ]] || fail "the processes are not seen"
     status=0
@@ -256,10 +258,11 @@ start_and_signal() {
 
 test_Signals_EndEverything() {
     local signal
-    for signal in TERM:143 INT:130 HUP:129; do
+    ulimit -c 0
+    for signal in TERM:143 INT:130 HUP:129 QUIT:131; do
         start_and_signal "${signal%:*}"
         expect_equal "$status" "${signal#*:}" "status after ${signal%:*}"
-        wait_until '[[ $(processes_left) != *sleep* ]]' || fail "left: $(processes_left)"
+        expect_equal "$(processes_left)" "" "processes after ${signal%:*}"
         expect_equal "$(ls -A "$TMPDIR")" "" "temporary files after ${signal%:*}"
         rm build/ready
     done
@@ -268,9 +271,23 @@ test_Signals_EndEverything() {
 test_Kill_EndsEverything() {
     start_and_signal KILL
     expect_equal "$status" 137 "status"
-    wait_until '[[ $(processes_left) != *sleep* ]]' || fail "left: $(processes_left)"
+    wait_until '[[ -z $(processes_left) ]]' || fail "left: $(processes_left)"
     # proot needs files on the machine, and nobody is left to remove them.
     if [[ $ORBA_SANDBOX == proot ]]; then rm -r "$TMPDIR"/orba-sandbox.*; fi
+}
+
+test_SignalsIgnoredInside_AreTheCommandsOwn() {
+    run sandbox bash -c 'trap "" TERM; kill -TERM $$; trap - TERM; (kill -HUP $BASHPID); echo $?'
+    expect_equal "$output" 129 "status of a process that a signal ends"
+}
+
+test_StarterEnds_TheCommandGoesOn() {
+    mkfifo build/go
+    (scripts/sandbox sh -c 'read -r line <build/go; echo "$line" >build/done' &)
+    echo went-on >build/go
+    wait_until '[[ -s build/done ]]' || fail "the command ended"
+    expect_equal "$(<build/done)" went-on "what it wrote"
+    wait_until '[[ -z $(processes_left) ]]'
 }
 
 # await_line TEXT: reads from the terminal until a line is just this text.

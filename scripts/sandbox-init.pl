@@ -1,18 +1,18 @@
 #!/usr/bin/perl
-# usage: proot-init.pl COMMAND [ARG...]
+# usage: sandbox-init.pl bwrap|proot COMMAND [ARG...]
 #
-# The first process of scripts/sandbox under proot. It adds what proot lacks:
-# - proot 5.1 does not know the system calls that came after it, so paths in them would reach the
-#   machine's own files. They are refused as "not implemented" here; the C library and Node.js then
-#   use the older calls, as on an old kernel.
-# - proot waits for processes that the command leaves behind, and does not tell which signal ended
-#   the command. Here they are ended, and a death by signal N becomes the exit status 128+N.
+# The first process in scripts/sandbox. It starts the command, passes its exit status on (128+N after
+# signal N), and before that ends whatever the command has left running.
+#
+# Under proot it also refuses the system calls that came after proot 5.1: proot does not know them,
+# so paths in them would reach the machine's own files. To the C library and Node.js they look as on
+# an older kernel, and they use the older calls.
 use strict;
 use warnings;
 use Errno qw(ENOENT);
 use POSIX qw(ENOSYS WNOHANG);
 
-# Numbers of the calls, by machine. From the fourth on they are the same everywhere.
+# Numbers of the calls, by machine; from about 400 on they are the same everywhere.
 my %machines = (
     x86_64  => { audit => 0xC000003E, prctl => 157, refused => [ 332, 316, 322 ] },
     aarch64 => { audit => 0xC00000B7, prctl => 167, refused => [ 291, 276, 281 ] },
@@ -26,12 +26,12 @@ my $PR_SET_NO_NEW_PRIVS    = 38;
 my $SECCOMP_MODE_FILTER    = 2;
 
 my $machine = $machines{ ( POSIX::uname() )[4] }
-    or die "proot-init.pl: not prepared for this kind of machine\n";
+    or die "sandbox-init.pl: not prepared for this kind of machine\n";
 
 sub process_control {
     my ( $option, @arguments ) = @_;
     push @arguments, 0 while @arguments < 4;
-    syscall( $machine->{prctl}, $option, @arguments ) == 0 or die "proot-init.pl: prctl: $!\n";
+    syscall( $machine->{prctl}, $option, @arguments ) == 0 or die "sandbox-init.pl: prctl: $!\n";
 }
 
 sub refuse_newer_system_calls {
@@ -53,8 +53,9 @@ sub refuse_newer_system_calls {
 
 sub start {
     my @command = @_;
-    my $child = fork() // die "proot-init.pl: fork: $!\n";
+    my $child = fork() // die "sandbox-init.pl: fork: $!\n";
     return $child if $child;
+    $SIG{$_} = 'DEFAULT' for qw(HUP INT QUIT TERM);
     { no warnings 'exec'; exec { $command[0] } @command; }
     print STDERR "scripts/sandbox: $command[0]: $!\n";
     POSIX::_exit( $! == ENOENT ? 127 : 126 );
@@ -71,17 +72,16 @@ sub wait_for {
 sub end_what_is_left {
     while ( ( my $ended = waitpid -1, WNOHANG ) >= 0 ) {
         next if $ended;
-        open my $list, '<', "/proc/$$/task/$$/children" or die "proot-init.pl: children: $!\n";
+        open my $list, '<', "/proc/$$/task/$$/children" or die "sandbox-init.pl: children: $!\n";
         kill 'KILL', split ' ', <$list> // '';
         select undef, undef, undef, 0.002;
     }
 }
 
+my ( $kind, @command ) = @ARGV;
 delete $ENV{PROOT_TMP_DIR};
-refuse_newer_system_calls();
+refuse_newer_system_calls() if $kind eq 'proot';
 process_control( $PR_SET_CHILD_SUBREAPER, 1 );
-my $child = start(@ARGV);
-$SIG{$_} = 'IGNORE' for qw(HUP INT QUIT TERM);
-my $status = wait_for($child);
+my $status = wait_for( start(@command) );
 end_what_is_left();
 exit $status;
