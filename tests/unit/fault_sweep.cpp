@@ -120,6 +120,17 @@ void tidyUp(const Operation& operation, bool mayLeave) {
     fakes::letGoOfWhatIsHeld();
 }
 
+// A sweep that does not see the allocations would pass without having tried anything.
+bool seesAllocations() {
+    fakes::reset();
+    const int before = world().counts["operator new"];
+    {
+        const fakes::UnderTest atWork;
+        ::operator delete(::operator new(1));
+    }
+    return world().counts["operator new"] == before + 1;
+}
+
 // Returns the calls.
 Calls runWithoutFault(const Operation& operation) {
     prepare(operation);
@@ -158,6 +169,8 @@ bool Fault::isAllocation() const { return call == "operator new()" || call == "m
 
 void FaultSweep::sweep(const Operation& operation) {
     ASSERT_FALSE(HasFailure());
+    ASSERT_TRUE(seesAllocations()) << "another operator new is in use; valgrind leaves ours with "
+                                      "--soname-synonyms=somalloc=nouserintercepts";
     SCOPED_TRACE(operation.name);
     const Calls calls = runWithoutFault(operation);
     int faults = 0;

@@ -112,6 +112,8 @@ struct TransportFailure {
     std::string message;
 };
 
+void PrintTo(const TransportFailure& failure, std::ostream* out) { *out << failure.result; }
+
 class EachTransportFailure : public HttpExecution,
                              public ::testing::WithParamInterface<TransportFailure> {};
 
@@ -207,6 +209,8 @@ struct StatusFailure {
     int code;
     std::string text;
 };
+
+void PrintTo(const StatusFailure& failure, std::ostream* out) { *out << failure.status; }
 
 class EachStatus : public HttpExecution, public ::testing::WithParamInterface<StatusFailure> {};
 

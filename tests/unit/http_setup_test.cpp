@@ -105,6 +105,8 @@ struct OptionFailure {
     std::string name;
 };
 
+void PrintTo(const OptionFailure& failure, std::ostream* out) { *out << failure.name; }
+
 class EachOption : public HttpSetUp, public ::testing::WithParamInterface<OptionFailure> {};
 
 TEST_P(EachOption, Refused_IsCode25WithItsNameAndTheResult) {

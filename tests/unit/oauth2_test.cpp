@@ -72,6 +72,11 @@ TEST_F(OAuth2Flow, Challenge_ComesDecodedFromTheRedirect) {
     EXPECT_THAT(world().log, IsEmpty());
 }
 
+TEST_F(OAuth2Flow, ChallengeOfAnotherKind_IsNotTaken) {
+    world().transfers = {redirectTo("https://a.test/?consent_challenge=no&login_challenge=c1")};
+    EXPECT_EQ("c1", oauth2.getServerLoginChallenge());
+}
+
 TEST_F(OAuth2Flow, EmptyChallenge_IsReturned) {
     for (const std::string target :
          {"https://a.test/?login_challenge=", "/?login_challenge=&x=1"}) {
@@ -358,6 +363,20 @@ TEST_F(Redirects, AnswerThatIsNoRedirect_IsCode5) {
     expectThrows<OAuth2ClientException>([&] { follow(oauth2); }, 5,
                                         "Didn't receive callback url. Last status code = 200");
     EXPECT_EQ(2U, world().requests.size());
+}
+
+// A status that a request lets through although it is none of 2xx and 3xx: only an exception
+// without a code brings that about.
+TEST_F(Redirects, AnswerAboveTheRedirects_IsCode5) {
+    wayOf(0, {CURLE_OK, 404, "", {}, "https://auth.test/next"});
+    world().onCall = [](const std::string& name) {
+        if (name == "syslog" && world().log.back().text.rfind("URL", 0) == 0) {
+            throw OAuth2ClientException(0, "nothing happened");
+        }
+    };
+    expectThrows<OAuth2ClientException>([&] { follow(oauth2); }, 5,
+                                        "Didn't receive callback url. Last status code = 404");
+    EXPECT_EQ(1U, world().requests.size());
 }
 
 TEST_F(Redirects, EveryRedirectStatus_LeadsOn) {

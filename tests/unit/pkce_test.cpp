@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iostream>
 #include <sstream>
 
@@ -152,6 +153,30 @@ TEST_F(Pkce, Refresh_SendsTheStoredTokenAndReplacesTheFile) {
     EXPECT_EQ("/tmp/oa_pkce_cookies.txt", world().requests[0].options.at(CURLOPT_COOKIEJAR));
     EXPECT_EQ(kStoredReply, stored());
     EXPECT_EQ(kStoredReply, printed.str());
+}
+
+// Looks at the token file when the printed reply is flushed.
+class FileAtFlush : public std::stringbuf {
+  public:
+    explicit FileAtFlush(std::function<std::string()> content) : content_(std::move(content)) {}
+    std::string seen;
+
+  private:
+    int sync() override {
+        seen += content_() + "|";
+        return 0;
+    }
+    std::function<std::string()> content_;
+};
+
+TEST_F(Pkce, Refresh_PrintsBeforeItStores) {
+    const std::string old = R"({"refresh_token":"r1"})";
+    store(old);
+    FileAtFlush flush([this] { return stored(); });
+    std::cout.rdbuf(&flush);
+    refresh();
+    EXPECT_EQ(old + "|", flush.seen);
+    EXPECT_EQ(kStoredReply, flush.str());
 }
 
 TEST_F(Pkce, Refresh_FieldsStandInThisOrder) {

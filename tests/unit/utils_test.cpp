@@ -53,6 +53,10 @@ struct Parameter {
     std::string value;
 };
 
+void PrintTo(const Parameter& parameter, std::ostream* out) {
+    *out << parameter.key << " of " << parameter.url;
+}
+
 class EachParameter : public FakesTest, public ::testing::WithParamInterface<Parameter> {};
 
 TEST_P(EachParameter, IsTakenFromTheUrl) {
