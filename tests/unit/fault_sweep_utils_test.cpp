@@ -1,4 +1,10 @@
 // Fault sweeps: the error table, URL parameters and the device fingerprint.
+#include <sys/wait.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <new>
+
 #include "fault_sweep.h"
 #include "orbaoauth2client/utils.h"
 
@@ -39,10 +45,15 @@ TEST(ErrorTableDeathTest, FirstUse_FailsUntilAllAllocationsSucceed) {
                 ++faults;
             }
         }
-        std::cerr << "[  SWEEP   ] errCode2Str, first use: " << faults << " faults\n" << text;
-        std::exit(faults >= 66 ? 0 : 1);
+        std::cerr << text;
+        std::exit(faults);
     };
-    EXPECT_EXIT(buildWithFaults(), ::testing::ExitedWithCode(0), "Unexpected exception happened.");
+    const auto hadFaults = [](int status) {
+        const int faults = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+        std::cout << "[  SWEEP   ] errCode2Str, first use: " << faults << " faults\n";
+        return faults >= 66;
+    };
+    EXPECT_EXIT(buildWithFaults(), hadFaults, "Unexpected exception happened.");
 }
 
 class UrlFaults : public FaultSweep {
