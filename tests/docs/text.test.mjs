@@ -9,11 +9,9 @@ import {anchors, blocks, documents, links, read, root, table} from './markdown.m
 const LANGUAGES = ['c++', 'cmake', 'console', 'ini', 'js', 'json', 'mermaid', 'sh', 'text', ''];
 
 // C++ that a document quotes is compiled, and what is compiled here is run by other tests.
-const compiled = [
-    'examples/fleet-lens/main.cpp',
-    ...readdirSync(join(root, 'docs/snippets')).filter((name) => name.endsWith('.cpp'))
-        .map((name) => `docs/snippets/${name}`),
-].map(read);
+const compiled = ['examples/fleet-lens', 'docs/snippets'].flatMap((folder) =>
+    readdirSync(join(root, folder)).filter((name) => /\.(cpp|h)$/.test(name))
+        .map((name) => read(`${folder}/${name}`)));
 
 for (const path of documents) {
     test(`${path}: links lead somewhere`, () => {
@@ -58,6 +56,17 @@ test('the guide shows the CMakeLists.txt that it copies', () => {
 // One row of errors.h: "/// |  1 | Unexpected exception happened. |".
 const messages = [...read('include/orbaoauth2client/errors.h')
     .matchAll(/^\/\/\/ \| +(\d+) \| (.+) \|$/gm)].map(([, code, text]) => [Number(code), text]);
+
+test('units that documents quote are those of the example', () => {
+    const unit = read('examples/fleet-lens/fleet-lens.service').split('\n');
+    for (const path of documents) {
+        for (const {language, text, line} of blocks(path)) {
+            if (language !== 'ini' || !text.startsWith('[Service]')) continue;
+            const strange = text.split('\n').filter((setting) => !unit.includes(setting));
+            assert.deepEqual(strange, [], `${path}, line ${line}`);
+        }
+    }
+});
 
 test("the headers' table has the messages of the library", () => {
     const [, names] = read('src/error_code.h').match(/enum ErrorCode : int \{([^}]+)\}/);

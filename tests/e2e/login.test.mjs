@@ -3,7 +3,9 @@
 import assert from 'node:assert/strict';
 import {execFile} from 'node:child_process';
 import {createHash, randomBytes} from 'node:crypto';
-import {existsSync, mkdtempSync, readFileSync, rmSync, statSync, writeFileSync} from 'node:fs';
+import {
+    existsSync, mkdtempSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync,
+} from 'node:fs';
 import {join} from 'node:path';
 import {after, before, beforeEach, test} from 'node:test';
 
@@ -356,7 +358,7 @@ for (const flow of ['web', 'grant']) {
         assert.equal(statSync(path('token')).mode & 0o777, 0o600);
         const {access_token: token} = readJson('token');
         assert.ok(token && !stdout.includes(token));
-        assert.deepEqual(['token.new', 'token.cookies'].filter((name) => existsSync(path(name))), []);
+        assert.deepEqual(readdirSync(folder).sort(), ['device.json', 'token', 'token.lock']);
     });
 }
 
@@ -368,29 +370,42 @@ e2e('example: a failed login is one line with code, class and text', async () =>
         status: 1,
         stdout: '',
         stderr: 'fleet-lens: code 22, ORBA::OAuth2Client::OAuth2ClientException: Failed to Login ' +
-            'IDP due to: Logged out Tovra due to authentication failure.\n',
+            'IDP due to: Logged out Tovra due to authentication failure. (ask the owner to link the account)\n',
     });
     assert.equal(readFileSync(path('token'), 'utf8'), 'old');
+    assert.deepEqual(readdirSync(folder).sort(), ['device.json', 'token', 'token.lock']);
 });
 
 e2e('example: a failed exchange is one line too', async () => {
     const {status, stderr} = await runExample([
         cloud.authorizationEndpoint, `${cloud.issuer}/nowhere`, path('token')]);
     assert.equal(status, 1);
-    assert.match(stderr, /^fleet-lens: code 14, ORBA::OAuth2Client::HttpClientException: .* 404: .*\n$/);
+    assert.match(stderr, /^fleet-lens: code 14, ORBA::OAuth2Client::HttpClientException: .* 404: .* \(sign in again\)\n$/);
 });
 
 e2e('example: a token file that cannot be made ends it before the login', async () => {
     const {status, stderr} = await runExample([
         cloud.authorizationEndpoint, cloud.tokenEndpoint, path('none/token')]);
     assert.equal(status, 1);
-    assert.equal(stderr, `fleet-lens: std::runtime_error: cannot create the file ${path('none/token.cookies')}\n`);
+    assert.equal(stderr, `fleet-lens: std::runtime_error: cannot lock ${path('none/token.lock')}\n`);
     assert.deepEqual(seen(), []);
 });
 
 e2e('example: wrong use is told', async () => {
     const {status, stderr} = await runExample([]);
     assert.deepEqual({status, stderr}, {
-        status: 2, stderr: 'usage: fleet-lens AUTHORIZATION-ENDPOINT TOKEN-ENDPOINT TOKEN-FILE\n',
+        status: 2, stderr: 'usage: fleet-lens [AUTHORIZATION-ENDPOINT] TOKEN-ENDPOINT TOKEN-FILE\n',
     });
 });
+
+for (const [name, position] of [['authorization', 0], ['token', 1]]) {
+    e2e(`example: an http: URL for the ${name} endpoint is refused before any request`, async () => {
+        const args = [cloud.authorizationEndpoint, cloud.tokenEndpoint, path('token')];
+        args[position] = args[position].replace('https:', 'http:');
+        const {status, stderr} = await runExample(args);
+        assert.deepEqual({status, stderr}, {
+            status: 1, stderr: `fleet-lens: std::runtime_error: not an https URL: ${args[position]}\n`,
+        });
+        assert.deepEqual(seen(), []);
+    });
+}
