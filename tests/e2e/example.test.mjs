@@ -11,6 +11,7 @@ import {join} from 'node:path';
 import {test} from 'node:test';
 
 import {startCloud} from '../../cloud/cloud-server.mjs';
+import {openLog} from '../integration/log.mjs';
 
 const CALLBACK = 'https://fleet-lens.localhost/callback';
 
@@ -49,8 +50,8 @@ class Service {
     run(...endpoints) {
         const env = {...process.env, ORBA_HOST_PROFILE: this.path('device.json')};
         return new Promise((resolve) => {
-            execFile(process.env.ORBA_FLEET_LENS, [...endpoints, this.path('tokens')], {env},
-                (error, stdout, stderr) => resolve({status: error?.code ?? 0, stdout, stderr}));
+            this.process = execFile(process.env.ORBA_FLEET_LENS, [...endpoints, this.path('tokens')],
+                {env}, (error, stdout, stderr) => resolve({status: error?.code ?? 0, stdout, stderr}));
         });
     }
 
@@ -178,6 +179,33 @@ withService('refresh: five at once against a server that rotates refresh tokens'
             Array(5).fill({status: 0, stderr: ''}));
     } finally {
         await cloud.close();
+    }
+});
+
+// --- what others could read ---
+
+withService('no debug line leaves the process, and no core dump would show its memory', async (service) => {
+    const log = await openLog();
+    const cloud = await startCloud();
+    let limits = '';
+    const server = await startServer(() => {
+        limits = readFileSync(`/proc/${service.process.pid}/limits`, 'utf8');
+        return [200, {}, {access_token: 'a2'}];
+    });
+    try {
+        service.writeProfile({...cloud.profile, pkce_access_token: undefined});
+        const signedIn = await service.run(cloud.authorizationEndpoint, cloud.tokenEndpoint);
+        assert.equal(signedIn.status, 0, signedIn.stderr);
+        const [warning, ...more] = await log.take();
+        assert.equal(warning.priority, 4);
+        assert.match(warning.text, /Failed to get Tovra access token\./);
+        assert.deepEqual(more, []);
+        assert.equal((await service.run(`${server.origin}/token`)).status, 0);
+        assert.match(limits, /^Max core file size +0 +0 /m);
+    } finally {
+        server.close();
+        await cloud.close();
+        await log.close();
     }
 });
 
