@@ -29,19 +29,24 @@ setup() {
     "$root/scripts/setup" || exit
 }
 
-# require_writable_build: says so in one line when nothing can be built here.
+# require_writable_build [PRESET]: says so in one line when nothing can be built here.
 require_writable_build() {
     local folder=$root
     [[ ! -e $root/build ]] || folder=$root/build
-    [[ ! -e $root/build/dev ]] || folder=$root/build/dev
-    [[ -w $folder ]] || die "cannot write to $folder, where the build goes"
+    [[ ! -e $root/build/${1:-} ]] || folder=$root/build/${1:-}
+    [[ -w $folder ]] || die "cannot write to ${folder%/}, where the build goes"
 }
 
-# build TARGET...: configures and builds the targets in build/dev ("all": everything).
+# configure PRESET [CMAKE ARGUMENT...]
+configure() {
+    quietly env -C "$root" cmake --preset "$@" || die "the build could not be configured"
+}
+
+# build PRESET TARGET...: configures and builds the targets in build/PRESET ("all": everything).
 build() {
-    require_writable_build
-    say "building in build/dev"
-    quietly env -C "$root" cmake --preset dev || die "the build could not be configured"
-    quietly env -C "$root" cmake --build --preset dev --parallel "$(nproc)" --target "$@" ||
+    require_writable_build "$1"
+    say "building in build/$1"
+    configure "$1"
+    quietly env -C "$root" cmake --build --preset "$1" --parallel "$(nproc)" --target "${@:2}" ||
         die "the build failed"
 }

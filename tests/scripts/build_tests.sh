@@ -51,10 +51,36 @@ test_Test_SetupFails_NothingIsBuilt() {
     [[ ! -e $work/calls ]] || fail "called: $(<"$work/calls")"
 }
 
-test_Ci_RunsTheTests() {
-    make_tools
+# make_ci TEST-STATUS CHECK-STATUS
+make_ci() {
+    make_command scripts test <<<"printf '%s\n' 'test 1' '100% tests passed, of 1' '' 'Time'; exit $1"
+    make_command scripts check <<<"echo checked; exit $2"
+}
+
+test_Ci_RunsTestsAndChecks_ClosesWithWhatTheTestsEndedWith() {
+    make_ci 0 0
     run bash .ci/run <&-
-    expect_equal "$status/$output" 0/tested "status and output"
+    expect_equal "$status/$output" "0/test 1
+100% tests passed, of 1
+
+Time
+checked
+100% tests passed, of 1
+
+Time" "status and output"
+}
+
+test_Ci_TestsFail_ChecksRunAllTheSame() {
+    make_ci 8 0
+    run bash .ci/run <&-
+    expect_equal "$status" 8 "status"
+    expect_contains "$output" checked "output"
+}
+
+test_Ci_ChecksFail() {
+    make_ci 0 1
+    run bash .ci/run <&-
+    expect_equal "$status" 1 "status"
 }
 
 # expect_unwritable FOLDER: what an ordinary user is told who cannot write there.
