@@ -7,6 +7,7 @@
 #include <iterator>
 #include <sstream>
 
+#include "../probe/captured_output.h"
 #include "fakes.h"
 #include "fuzz.h"
 #include "orbaoauth2client/pkce.h"
@@ -40,19 +41,6 @@ class TokenFile {
 
   private:
     int descriptor = memfd_create("token", MFD_CLOEXEC);
-};
-
-class CapturedOutput {
-  public:
-    CapturedOutput() : before(std::cout.rdbuf(captured.rdbuf())) {}
-    ~CapturedOutput() { std::cout.rdbuf(before); }
-    CapturedOutput(const CapturedOutput&) = delete;
-    CapturedOutput& operator=(const CapturedOutput&) = delete;
-    std::string text() const { return captured.str(); }
-
-  private:
-    std::ostringstream captured;
-    std::streambuf* before;
 };
 
 // The refresh token in the file; jsoncpp's exception when there is none to be read.

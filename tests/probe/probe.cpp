@@ -21,6 +21,7 @@
 #include <string>
 #include <typeinfo>
 
+#include "captured_output.h"
 #include "orbaoauth2client/errors.h"
 #include "orbaoauth2client/httpclient.h"
 #include "orbaoauth2client/oauth2.h"
@@ -64,20 +65,6 @@ Client& clientOf(const Json::Value& request) {
     }
     return *client;
 }
-
-// Standard output belongs to the answers; what the library prints there becomes part of one.
-class CapturedStandardOutput {
-  public:
-    CapturedStandardOutput() : before(std::cout.rdbuf(captured.rdbuf())) {}
-    ~CapturedStandardOutput() { std::cout.rdbuf(before); }
-    CapturedStandardOutput(const CapturedStandardOutput&) = delete;
-    CapturedStandardOutput& operator=(const CapturedStandardOutput&) = delete;
-    std::string text() const { return captured.str(); }
-
-  private:
-    std::ostringstream captured;
-    std::streambuf* before;
-};
 
 using Operation = std::function<Json::Value(const Json::Value&)>;
 
@@ -146,7 +133,8 @@ std::string className(const std::exception& exception) {
 }
 
 void run(const Json::Value& request, Json::Value& answer) {
-    const CapturedStandardOutput output;
+    // Standard output belongs to the answers; what the library prints there becomes part of one.
+    const CapturedOutput output;
     const auto begin = std::chrono::steady_clock::now();
     try {
         answer["result"] = kOperations.at(text(request, "op"))(request);
