@@ -1,5 +1,5 @@
 # Tests of scripts/check, with tools that only take notes.
-# shellcheck shell=bash disable=SC2016,SC2154,SC2164
+# shellcheck shell=bash disable=SC2001,SC2016,SC2154,SC2164
 
 # make_tools [CTEST COMMAND...]
 make_tools() {
