@@ -46,6 +46,8 @@ struct ParamRefreshAccessToken {
 /// @throws HttpClientException as HttpClient::HttpClient::postURLEncodedString() does, for example
 /// code 14 for a refused code (HTTP status 400), 32 for a time-out, 2 for a reply that is not JSON,
 /// 12 for an empty URL; the token file stays as it was.
+/// @throws std::bad_alloc, Json::Exception (jsoncpp's own) when memory runs out while the reply is
+/// stored; the token file may then be empty or cut short.
 /// @warning A token file that cannot be opened or written is not reported: the reply is lost and
 /// the call returns normally. A caller who must know looks at the file afterwards.
 /// @note Blocks for up to about 91 s. Two calls at once with one token file race for it.
@@ -63,6 +65,8 @@ ORBA_OAUTH2CLIENT_API void getAccessToken(const ParamGetAccessToken& param);
 /// A missing or null "refresh_token" counts as an empty one and is sent.
 /// @throws HttpClientException as HttpClient::HttpClient::postURLEncodedString() does, for example
 /// code 14 for a refused refresh token; the file stays as it was and nothing is printed.
+/// @throws std::bad_alloc, Json::Exception when memory runs out while the reply is printed and
+/// stored; the token file may then be empty or cut short.
 /// @warning A token file that cannot be rewritten is not reported: the reply is printed only.
 /// @note Blocks for up to about 91 s. Two refreshes at once of one token file race: both send the
 /// same refresh token, and a server that rotates them may revoke the grant.

@@ -1,5 +1,9 @@
 // operator new and delete, malloc, realloc and free. The linker is told to --wrap the last three,
-// which reaches what is linked here; operator new reaches jsoncpp and the standard library, too.
+// which reaches what is linked here. operator new and malloc itself reach jsoncpp and the C and C++
+// libraries, too.
+#include <dlfcn.h>
+
+#include <cerrno>
 #include <cstdlib>
 #include <new>
 
@@ -26,6 +30,29 @@ void* __real_malloc(std::size_t size);
 void* __real_realloc(void* block, std::size_t size);
 void __real_free(void* block);
 
+#ifdef ORBA_SANITIZED
+// The sanitizer's, which has to be the only one.
+static void* nextMalloc(std::size_t size) { return __real_malloc(size); }
+#else
+// The C library's, or that of valgrind in its place.
+static void* nextMalloc(std::size_t size) {
+    using Malloc = void* (*)(std::size_t);
+    static const auto next = reinterpret_cast<Malloc>(dlsym(RTLD_NEXT, "malloc"));
+    return next(size);
+}
+
+void* malloc(std::size_t size) {
+    if (underTest) {
+        const fakes::OwnWork own;
+        if (world().enterAllocation("malloc of a library")) {
+            errno = ENOMEM;
+            return nullptr;
+        }
+    }
+    return nextMalloc(size);
+}
+#endif
+
 void* __wrap_malloc(std::size_t size) {
     if (underTest) {
         const fakes::OwnWork own;
@@ -33,7 +60,7 @@ void* __wrap_malloc(std::size_t size) {
             return nullptr;
         }
     }
-    return __real_malloc(size);
+    return nextMalloc(size);
 }
 
 void* __wrap_realloc(void* block, std::size_t size) {
@@ -66,7 +93,7 @@ void* allocate(std::size_t size) {
             return nullptr;
         }
     }
-    return __real_malloc(size == 0 ? 1 : size);
+    return nextMalloc(size == 0 ? 1 : size);
 }
 
 void* allocateOrThrow(std::size_t size) {

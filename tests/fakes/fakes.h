@@ -117,7 +117,8 @@ struct World {
     // Called before every call does its work; may throw, to try the handlers.
     std::function<void(const std::string& name)> onCall;
     // Makes the n-th call of that name fail in its own way: null, non-zero, an exception.
-    // Allocations are "operator new" and "malloc"; they stand among the calls only when they fail.
+    // Allocations are "operator new", "malloc" and, where the tests are built without sanitizers,
+    // "malloc of a library"; they stand among the calls only when they fail.
     std::map<std::string, int> failAt;
     std::optional<std::size_t> failedCall;  // the index in `calls` of the one that failed so
 

@@ -39,6 +39,7 @@ struct Operation {
     std::function<void()> tidy = [] {};  // gives back what the operation leaves to its caller
     std::function<void(const std::string&)> afterFault = [](const std::string& /*outcome*/) {};
     std::set<std::string> leftBehind = {};  // what nobody can give back after some faults
+    Outcomes withoutLibraryMemory = {};     // what else may come of a library that has none
 };
 
 class FaultSweep : public FakesTest {
