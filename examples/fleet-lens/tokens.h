@@ -106,7 +106,7 @@ inline std::string encoded(const std::string& value) {
 // Any JSON counts as a good reply for the library, and a file that it could not write as well.
 inline void requireAccessToken(const Json::Value& tokens) {
     if (!tokens.isMember("access_token")) {
-        throw std::runtime_error("the reply holds no access token");
+        throw std::runtime_error("no access token came, or it could not be written");
     }
 }
 

@@ -154,7 +154,7 @@ withTokenEndpoint('refresh: a reply without an access token is not taken', 200,
         service.writeTokens({refresh_token: 'r1'});
         const {status, stderr} = await refresh();
         assert.deepEqual({status, stderr}, {
-            status: 1, stderr: 'fleet-lens: std::runtime_error: the reply holds no access token\n',
+            status: 1, stderr: 'fleet-lens: std::runtime_error: no access token came, or it could not be written\n',
         });
         assert.deepEqual(service.readTokens(), {refresh_token: 'r1'});
     });
@@ -278,6 +278,6 @@ withLogin('login: an exchange that gives no access token leaves no token file',
     (state) => `${CALLBACK}?code=c&state=${state}`, {error: 'temporarily_unavailable'},
     async (service, server, {status, stderr}) => {
         assert.equal(status, 1);
-        assert.equal(stderr, 'fleet-lens: std::runtime_error: the reply holds no access token\n');
+        assert.equal(stderr, 'fleet-lens: std::runtime_error: no access token came, or it could not be written\n');
         assert.deepEqual(service.files(), ['device.json', 'tokens.lock']);
     });
