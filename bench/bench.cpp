@@ -15,11 +15,14 @@
 
 namespace {
 
+constexpr int kAllLines = LOG_UPTO(LOG_DEBUG);
+constexpr int kNoDebugLines = LOG_UPTO(LOG_INFO);
+
 struct Transport {
     std::string name;
     std::string base;
     std::string bundle;
-    int logMask = LOG_UPTO(LOG_DEBUG);
+    int logMask = kAllLines;
 };
 
 const Transport kPlain;
@@ -28,7 +31,7 @@ std::vector<Transport> transports() {
     const std::string plain = environment("ORBA_BENCH_HTTP");
     const std::string tls = environment("ORBA_BENCH_HTTPS");
     return {{"HTTP", plain, ""},
-            {"HTTP, debug lines off", plain, "", LOG_UPTO(LOG_INFO)},
+            {"HTTP, debug lines off", plain, "", kNoDebugLines},
             {"HTTPS, 1 CA", tls, ""},
             {"HTTPS, all CAs", tls, environment("ORBA_BENCH_BUNDLE")}};
 }
@@ -85,16 +88,24 @@ void addTexts() {
 // Each thread makes requests with an object and a cookie file of its own. The sides are separate
 // benchmarks here, so they alternate by Google Benchmark's random interleaving of repetitions.
 void addThreads(const std::string& side, std::function<void()> Operation::*member) {
+    struct Variant {
+        Operation (*make)(const std::string& base, const std::string& folder);
+        std::string detail;
+        int logMask;
+    };
     const std::string base = environment("ORBA_BENCH_HTTP");
-    for (const auto make : {&promptOperation, &waitingOperation}) {
+    for (const auto& [make, detail, logMask] :
+         {Variant{&waitingOperation, "", kAllLines}, Variant{&promptOperation, "", kAllLines},
+          Variant{&promptOperation, ", debug lines off", kNoDebugLines}}) {
         auto operations = std::make_shared<std::vector<Operation>>();
         for (int i = 0; i < 8; ++i) {
             operations->push_back(make(base, newFolder()));
         }
-        const std::string name = "threads/" + operations->front().name + "/" + side;
+        const std::string name = "threads/" + operations->front().name + detail + "/" + side;
         benchmark::RegisterBenchmark(
             name.c_str(),
-            [operations, member](benchmark::State& state) {
+            [operations, member, mask = logMask](benchmark::State& state) {
+                setlogmask(mask);
                 const auto index = static_cast<std::size_t>(state.thread_index());
                 const std::function<void()>& request = (*operations)[index].*member;
                 while (state.KeepRunning()) {
