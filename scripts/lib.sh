@@ -29,6 +29,11 @@ setup() {
     "$root/scripts/setup" || exit
 }
 
+# setup_for check|bench: the same, with what the scripts of that kind need.
+setup_for() {
+    "$root/scripts/setup" "--$1" || exit
+}
+
 # require_writable_build [PRESET]: says so in one line when nothing can be built here.
 require_writable_build() {
     local folder=$root

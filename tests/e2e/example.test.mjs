@@ -149,6 +149,30 @@ withTokenEndpoint('refresh: a refused refresh token leaves the file and says wha
         assert.deepEqual(service.readTokens(), {refresh_token: 'r1'});
     });
 
+// The codes that the example gives advice about, and one that it does not.
+for (const [status, code, next] of [
+    [401, 14, 'sign in again'], [500, 15, 'try again later'], [503, 17, 'try again later'],
+    [302, 28, 'report it'],
+]) {
+    withTokenEndpoint(`refresh: the status ${status} is code ${code}: ${next}`, status, {},
+        async (service, server, refresh) => {
+            service.writeTokens({refresh_token: 'r1'});
+            const {stderr} = await refresh();
+            assert.match(stderr, new RegExp(`^fleet-lens: code ${code}, [^\\n]* \\(${next}\\)\\n$`));
+        });
+}
+
+for (const [what, url, code] of [
+    ['nobody listens', 'https://auth.localhost:1/token', 26],
+    ['the name does not resolve', 'https://nowhere.invalid/token', 31],
+]) {
+    withService(`refresh: ${what}: code ${code}, try again later`, async (service) => {
+        service.writeTokens({refresh_token: 'r1'});
+        const {stderr} = await service.run(url);
+        assert.match(stderr, new RegExp(`^fleet-lens: code ${code}, [^\\n]* \\(try again later\\)\\n$`));
+    });
+}
+
 withTokenEndpoint('refresh: a reply without an access token is not taken', 200,
     {error: 'temporarily_unavailable'}, async (service, server, refresh) => {
         service.writeTokens({refresh_token: 'r1'});

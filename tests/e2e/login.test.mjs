@@ -376,6 +376,13 @@ e2e('example: a failed login is one line with code, class and text', async () =>
     assert.deepEqual(readdirSync(folder).sort(), ['device.json', 'token', 'token.lock']);
 });
 
+e2e('example: without a linked account it says what comes next', async () => {
+    writeProfile({account: undefined, pkce_access_token: undefined});
+    const {status, stderr} = await runExample();
+    assert.equal(status, 1);
+    assert.match(stderr, /^fleet-lens: code 19, .* \(ask the owner to link the account\)\n$/);
+});
+
 e2e('example: a failed exchange is one line too', async () => {
     const {status, stderr} = await runExample([
         cloud.authorizationEndpoint, `${cloud.issuer}/nowhere`, path('token')]);
