@@ -1,4 +1,4 @@
-// libcurl's escaping functions: their handle and the texts that they give.
+// Owners of what libcurl's escaping functions use and return.
 #ifndef ORBA_SRC_CURL_TEXT_H
 #define ORBA_SRC_CURL_TEXT_H
 
@@ -22,11 +22,11 @@ struct CurlFree {
 };
 using CurlText = std::unique_ptr<char, CurlFree>;
 
-// A handle that serves escaping only, never a transfer.
-inline EscapeHandle makeEscapeHandle(const Log& log) {
+// A handle for escaping only, never for a transfer.
+inline EscapeHandle makeEscapeHandle(const Log& log, int line = __builtin_LINE()) {
     EscapeHandle handle(curl_easy_init());
     if (handle == nullptr) {
-        log.fail<CurlException>(kCurlInitFailed, "Error: Failed to init curl.");
+        log.fail<CurlException>(kCurlInitFailed, "Error: Failed to init curl.", line);
     }
     return handle;
 }

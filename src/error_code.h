@@ -1,10 +1,10 @@
-// The error codes by name. Their messages stand in utils.cpp.
+// The error codes by name. Their messages are in utils.cpp.
 #ifndef ORBA_SRC_ERROR_CODE_H
 #define ORBA_SRC_ERROR_CODE_H
 
 namespace ORBA::OAuth2Client {
 
-// The numbers are a contract with callers. 6 is deliberately free.
+// The numbers are a contract with callers. 6 was never assigned and stays free.
 enum ErrorCode : int {
     kNoError = 0,
     kUnexpectedException = 1,

@@ -6,17 +6,22 @@
 
 namespace ORBA::OAuth2Client {
 
-// Parses [begin, end) with its comments. Json::Reader is deprecated, but its successor refuses
-// texts that servers' replies have always been allowed to be, such as one with something behind the
-// value.
-inline bool parseJson(const char* begin, const char* end, Json::Value& out) {
+// Json::Reader is deprecated, but its successor refuses replies that have always been accepted,
+// such as those with trailing text.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+class JsonReader {
+  public:
+    // Parses [begin, end) with its comments.
+    bool parse(const char* begin, const char* end, Json::Value& out) {
+        const bool collectComments = true;
+        return reader.parse(begin, end, out, collectComments);
+    }
+
+  private:
     Json::Reader reader;
-    const bool collectComments = true;
-    return reader.parse(begin, end, out, collectComments);
+};
 #pragma GCC diagnostic pop
-}
 
 }  // namespace ORBA::OAuth2Client
 

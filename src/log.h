@@ -1,4 +1,5 @@
-// The one way to log a line, and to log a failure and throw it.
+// Logging a text, and logging a failure before throwing it. Lines with a format of their own call
+// syslog() where they are logged, so that the compiler checks their arguments.
 #ifndef ORBA_SRC_LOG_H
 #define ORBA_SRC_LOG_H
 
@@ -8,8 +9,8 @@
 
 namespace ORBA::OAuth2Client {
 
-// The log of one source file. Failures, too, are logged at debug priority: that is deliberate, the
-// caller decides what an exception is worth.
+// The log of one source file. Failures are logged at debug priority, too: only the caller knows
+// whether an exception matters.
 struct Log {
     const char* source;
 

@@ -12,7 +12,6 @@
 #include <ctime>
 #include <map>
 #include <string>
-#include <vector>
 
 #include "curl_text.h"
 #include "error_code.h"
@@ -47,57 +46,65 @@ void setOption(void* curl, CURLoption option, const char* name, Value value,
     }
 }
 
-// The header lists of the request that runs on this thread. setCurlHeaders() must not change its
-// caller's variable, so the request finds here what it has to release. A list is noted when it
-// begins, because a curl_slist_append() that fails loses it.
-class HeaderLists {
-  public:
-    HeaderLists() : outer(current) { current = this; }
-    ~HeaderLists() { current = outer; }
-    HeaderLists(const HeaderLists&) = delete;
-    HeaderLists& operator=(const HeaderLists&) = delete;
-
-    static curl_slist* append(curl_slist* list, const char* line) {
-        if (list != nullptr || current == nullptr) {
-            return curl_slist_append(list, line);
-        }
-        std::vector<curl_slist*>& lists = current->lists;
-        lists.push_back(nullptr);
-        lists.back() = curl_slist_append(nullptr, line);
-        return lists.back();
+// Adds a line for each field to the list, which then holds what its owner has to release, and sets
+// it on the handle. A failing curl_slist_append() loses the lines before it.
+void setHeaderLines(void* curl, curl_slist*& list,
+                    const std::map<std::string, std::string>& fields) {
+    if (fields.empty()) {
+        return;
     }
-
-    void release() {
-        for (curl_slist* list : lists) {
-            if (list != nullptr) {
-                curl_slist_free_all(list);
-            }
+    curl_slist* const given = list;
+    std::string line;
+    for (const auto& [name, value] : fields) {
+        line.assign(name).append(": ").append(value);
+        curl_slist* const longer = curl_slist_append(list, line.c_str());
+        if (longer == nullptr && list != given) {
+            curl_slist_free_all(list);
         }
-        lists.clear();
+        list = longer;
+        syslog(LOG_DEBUG, "%s:%d set curl custom http header %s", kLog.source, __LINE__,
+               line.c_str());
     }
+    setOption(curl, CURLOPT_HTTPHEADER, "CURLOPT_HTTPHEADER", list);
+}
 
-  private:
-    static thread_local HeaderLists* current;
-    HeaderLists* outer;
-    std::vector<curl_slist*> lists;
-};
+// Creates the handle and sets what all requests share. The list is used as above.
+void setUpTransfer(HttpClient& client, void** curl, curl_slist*& list, const std::string& endpoint,
+                   const std::string& cookies, const std::string& cookieFile,
+                   const std::map<std::string, std::string>& fields) {
+    if (endpoint.empty()) {
+        kLog.fail<HttpClientException>(kInvalidParameter, "Got empty URL.");
+    }
+    if (cookies.empty()) {
+        kLog.fail<HttpClientException>(kInvalidParameter, "Got empty cookie file path.");
+    }
+    *curl = curl_easy_init();
+    if (*curl == nullptr) {
+        kLog.fail<CurlException>(kCurlInitFailed, "Failed to init curl.");
+    }
+    setOption(*curl, CURLOPT_URL, "CURLOPT_URL", endpoint.c_str());
+    setOption(*curl, CURLOPT_TIMEOUT, "CURLOPT_TIMEOUT", kTransferTimeoutSeconds);
+    client.setCurlUserAgent(*curl);
+    client.setCurlHTTPS(*curl);
+    client.setCurlCookies(*curl, cookieFile.c_str());
+    setHeaderLines(*curl, list, fields);
+}
 
-thread_local HeaderLists* HeaderLists::current = nullptr;
-
-// What one request holds. Deliberately without a destructor that releases: an exception that
-// nothing catches releases nothing.
+// What one request holds. No destructor releases it: an exception that is not a std::exception
+// leaves the request at once.
 struct Transfer {
     void* curl = nullptr;
     curl_slist* headerList = nullptr;
     char* redirect = nullptr;
     MemoryStruct reply = {nullptr, 0};
-    HeaderLists headerLists;
 
     void release() {
         if (curl != nullptr) {
             curl_easy_cleanup(curl);
         }
-        headerLists.release();
+        if (headerList != nullptr) {
+            curl_slist_free_all(headerList);
+        }
         std::free(reply.memory);
     }
 };
@@ -109,7 +116,7 @@ void runRequest(const std::string& url, const Steps& steps) {
     const Failure failure = runGuarded(
         kLog, [&] { steps(transfer); }, [&] { transfer.release(); });
     if (failure.code != kNoError) {
-        // POST requests say "Get", too: deliberate.
+        // The text of POST requests says "Get", too: log readers search for it.
         kLog.fail<HttpClientException>(
             failure.code, "Failed to do HTTP Get request to [" + url + "] due to: " + failure.text);
     }
@@ -118,7 +125,8 @@ void runRequest(const std::string& url, const Steps& steps) {
 // The body ends at its first NUL byte; no body at all is an empty one.
 void parseReply(const MemoryStruct& reply, Json::Value& out) {
     const char* body = reply.memory == nullptr ? "" : reply.memory;
-    if (!parseJson(body, body + std::strlen(body), out)) {
+    JsonReader reader;
+    if (!reader.parse(body, body + std::strlen(body), out)) {
         kLog.fail<JsonException>(kParseJsonFailed,
                                  "Failed to parse response, might be format problem.");
     }
@@ -138,6 +146,34 @@ int codeOfTransferFailure(CURLcode result) {
     }
 }
 
+int codeOfStatus(long status) {
+    switch (status / 100) {
+        case 3:
+            return kCurlRedirectFailed;
+        case 4:
+            return kClientErrorStatus;
+        case 5:
+            return status == 503 ? kServiceUnavailable : kServerErrorStatus;
+        default:
+            return kUnexpectedStatus;
+    }
+}
+
+// The result is that of the last curl_easy_getinfo().
+std::string textOfStatus(const std::string& url, long status, CURLcode result) {
+    const std::string text = "URL [" + url + "] replied http status code ";
+    const std::string number = std::to_string(status);
+    switch (status / 100) {
+        case 3:
+            return "Failed to get curl redirection url. " + text + "= " + number +
+                   ",curl returned: " + std::to_string(result);
+        case 4:
+            return text + " " + number;  // two blanks, by which log readers know this class
+        default:
+            return text + number;
+    }
+}
+
 void restrictToIPv4(void* curl) {
     const CURLcode result = curl_easy_setopt(curl, CURLOPT_IPRESOLVE, long{CURL_IPRESOLVE_V4});
     if (result != CURLE_OK) {
@@ -153,8 +189,8 @@ void pauseBeforeNextAttempt() {
     }
 }
 
-// The callbacks are called by C code: no exception may leave them, and their type must be libcurl's
-// to the letter, so the options below take them as curl_write_callback.
+// C code calls the callbacks: no exception may leave them, and their type must be exactly
+// libcurl's, so the options below take them as curl_write_callback.
 std::size_t writeMemoryCallBack(char* piece, std::size_t size, std::size_t count, void* data) {
     MemoryStruct& chunk = *static_cast<MemoryStruct*>(data);
     const std::size_t length = size * count;
@@ -185,7 +221,7 @@ std::string getEncodeQuery(const std::map<std::string, std::string>& params) {
             const CurlText escaped(
                 curl_easy_escape(curl.get(), value.c_str(), static_cast<int>(value.size())));
             if (escaped == nullptr) {
-                // The code is never seen: it is replaced below, like that of any failure here.
+                // Callers never see this code: below, kEncodeQueryFailed replaces it.
                 kLog.fail<CurlException>(kUrlDecodeFailed,
                                          "Failed to do curl_easy_escape for string");
             }
@@ -193,7 +229,7 @@ std::string getEncodeQuery(const std::map<std::string, std::string>& params) {
             query.append("=").append(escaped.get());
         }
     };
-    const Failure failure = runGuarded(kLog, encode, [&] { curl.reset(); });
+    const Failure failure = runGuarded<CurlException>(kLog, encode, [&] { curl.reset(); });
     if (failure.code != kNoError) {
         kLog.fail<OAuth2ClientException>(kEncodeQueryFailed, failure.text);
     }
@@ -228,7 +264,8 @@ void HttpClient::setHeader(const std::string& name, const std::string& value) {
 void HttpClient::get(Json::Value& out) {
     redirectURL.clear();
     runRequest(url, [&](Transfer& transfer) {
-        setCurlCommonInit(&transfer.curl, &transfer.headerList, url, cookiesFilePath);
+        setUpTransfer(*this, &transfer.curl, transfer.headerList, url, cookiesFilePath,
+                      cookiesFilePath, headers);
         setCurlWriteCallBack(transfer.curl, &transfer.reply);
         fireRequest(transfer.curl);
         checkHttpResp(transfer.curl, &transfer.redirect);
@@ -239,7 +276,8 @@ void HttpClient::get(Json::Value& out) {
 void HttpClient::get(bool followRedirects) {
     redirectURL.clear();
     runRequest(url, [&](Transfer& transfer) {
-        setCurlCommonInit(&transfer.curl, &transfer.headerList, url, cookiesFilePath);
+        setUpTransfer(*this, &transfer.curl, transfer.headerList, url, cookiesFilePath,
+                      cookiesFilePath, headers);
         setOption(transfer.curl, CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION",
                   curl_write_callback{&discardCallBack});
         if (followRedirects) {
@@ -255,7 +293,8 @@ void HttpClient::postURLEncodedString(const std::string& body, Json::Value& out)
     runRequest(url, [&](Transfer& transfer) {
         setHeader("Content-Type", "application/x-www-form-urlencoded");
         setHeader("charset", "utf-8");
-        setCurlCommonInit(&transfer.curl, &transfer.headerList, url, cookiesFilePath);
+        setUpTransfer(*this, &transfer.curl, transfer.headerList, url, cookiesFilePath,
+                      cookiesFilePath, headers);
         setCurlWriteCallBack(transfer.curl, &transfer.reply);
         setOption(transfer.curl, CURLOPT_CUSTOMREQUEST, "CURLOPT_CUSTOMREQUEST", "POST");
         setOption(transfer.curl, CURLOPT_POSTFIELDS, "CURLOPT_POSTFIELDS", body.c_str());
@@ -267,22 +306,8 @@ void HttpClient::postURLEncodedString(const std::string& body, Json::Value& out)
 
 void HttpClient::setCurlCommonInit(void** curl, curl_slist** headerList,
                                    const std::string& endpoint, const std::string& cookies) {
-    if (endpoint.empty()) {
-        kLog.fail<HttpClientException>(kInvalidParameter, "Got empty URL.");
-    }
-    if (cookies.empty()) {
-        kLog.fail<HttpClientException>(kInvalidParameter, "Got empty cookie file path.");
-    }
-    *curl = curl_easy_init();
-    if (*curl == nullptr) {
-        kLog.fail<CurlException>(kCurlInitFailed, "Failed to init curl.");
-    }
-    setOption(*curl, CURLOPT_URL, "CURLOPT_URL", endpoint.c_str());
-    setOption(*curl, CURLOPT_TIMEOUT, "CURLOPT_TIMEOUT", kTransferTimeoutSeconds);
-    setCurlUserAgent(*curl);
-    setCurlHTTPS(*curl);
-    setCurlCookies(*curl, cookiesFilePath.c_str());
-    setCurlHeaders(*curl, *headerList, headers);
+    curl_slist* list = *headerList;  // grows here only: the caller's variable stays as it is
+    setUpTransfer(*this, curl, list, endpoint, cookies, cookiesFilePath, headers);
 }
 
 void HttpClient::setCurlUserAgent(void* curl) {
@@ -299,10 +324,10 @@ void HttpClient::setCurlUserAgent(void* curl) {
 void HttpClient::setCurlHTTPS(void* curl) {
     setOption(curl, CURLOPT_SSL_VERIFYPEER, "CURLOPT_SSL_VERIFYPEER", 1L);
     setOption(curl, CURLOPT_SSL_VERIFYHOST, "CURLOPT_SSL_VERIFYHOST", 2L);
-    // A file given as the folder of certificates: deliberate. It keeps the hashed folder out, so
-    // that only the bundle, which libcurl loads by default, is trusted.
+    // The bundle, a file, as the folder of certificates: this keeps the hashed folder out, so that
+    // only the bundle, which libcurl loads by default, is trusted.
     setOption(curl, CURLOPT_CAPATH, "CURLOPT_CAPATH", kCaBundle);
-    // The failure names the value, not the option: deliberate.
+    // The failure names the value, not the option: log readers search for it.
     setOption(curl, CURLOPT_SSLVERSION, "CURL_SSLVERSION_TLSv1", long{CURL_SSLVERSION_TLSv1});
 }
 
@@ -317,17 +342,7 @@ void HttpClient::setCurlCookies(void* curl, const char* path) {
 
 void HttpClient::setCurlHeaders(void* curl, curl_slist* list,
                                 const std::map<std::string, std::string>& fields) {
-    if (fields.empty()) {
-        return;
-    }
-    std::string line;
-    for (const auto& [name, value] : fields) {
-        line.assign(name).append(": ").append(value);
-        list = HeaderLists::append(list, line.c_str());
-        syslog(LOG_DEBUG, "%s:%d set curl custom http header %s", kLog.source, __LINE__,
-               line.c_str());
-    }
-    setOption(curl, CURLOPT_HTTPHEADER, "CURLOPT_HTTPHEADER", list);
+    setHeaderLines(curl, list, fields);
 }
 
 void HttpClient::setCurlWriteCallBack(void* curl, MemoryStruct* chunk) {
@@ -360,35 +375,19 @@ void HttpClient::checkHttpResp(void* curl, char** redirect) {
     }
     respCode = status;
 
-    int code = kUnexpectedStatus;
-    std::string text = "URL [" + url + "] replied http status code ";
-    switch (status / 100) {
-        case 2:
-            return;
-        case 3:
-            result = curl_easy_getinfo(curl, CURLINFO_REDIRECT_URL, redirect);
-            if (result == CURLE_OK && *redirect != nullptr) {
-                redirectURL = *redirect;
-                return;
-            }
-            code = kCurlRedirectFailed;
-            text.insert(0, "Failed to get curl redirection url. ");
-            text += "= " + std::to_string(status) + ",curl returned: " + std::to_string(result);
-            break;
-        case 4:
-            // Two blanks before the status: deliberate.
-            code = kClientErrorStatus;
-            text += " " + std::to_string(status);
-            break;
-        case 5:
-            code = status == 503 ? kServiceUnavailable : kServerErrorStatus;
-            text += std::to_string(status);
-            break;
-        default:
-            text += std::to_string(status);
-            break;
+    const long statusClass = status / 100;
+    if (statusClass == 2) {
+        return;
     }
-    kLog.fail<CurlException>(code, withResult(text, result));
+    if (statusClass == 3) {
+        result = curl_easy_getinfo(curl, CURLINFO_REDIRECT_URL, redirect);
+        if (result == CURLE_OK && *redirect != nullptr) {
+            redirectURL = *redirect;
+            return;
+        }
+    }
+    kLog.fail<CurlException>(codeOfStatus(status),
+                             withResult(textOfStatus(url, status, result), result));
 }
 
 }  // namespace ORBA::OAuth2Client::HttpClient

@@ -41,6 +41,7 @@ struct IdpLogin {
     TovraHttpsResponseRecord response = {};
     SerialNumber serial;
     KLIBCSzHash* parameters = nullptr;
+    JsonReader reader;
 
     void release() {
         if (parameters != nullptr) {
@@ -82,9 +83,9 @@ void sendLogin(IdpLogin& login, const std::string& challenge) {
     }
 }
 
-void readReply(const IdpLogin& login, Json::Value& reply) {
+void readReply(IdpLogin& login, Json::Value& reply) {
     const std::string body(login.response.body);  // no body: std::logic_error
-    if (!parseJson(body.data(), body.data() + body.size(), reply)) {
+    if (!login.reader.parse(body.data(), body.data() + body.size(), reply)) {
         kLog.fail<OAuth2ClientException>(kParseJsonFailed, "Failed to parse json: " + body);
     }
     if (reply["code"].asString() == "badauth") {
@@ -94,8 +95,8 @@ void readReply(const IdpLogin& login, Json::Value& reply) {
     }
 }
 
-// Asks for a PKCE access token only to learn whether there is one. A constructor that throws is
-// none of the answers: its exception passes on.
+// Asks for a PKCE access token only to learn whether there is one. An exception of the constructor
+// is not an answer to that: it passes to the caller.
 bool hasPkceAccessToken() {
     const orbatovra::AccountPkceService service;
     try {
@@ -107,7 +108,7 @@ bool hasPkceAccessToken() {
             "%s:%d Failed to get Tovra access token. please re-login Orbalon Account to generate "
             "pkce access token, otherwise Fleet Lens will use non-pkce flow to get grant code, "
             "reason: %s",
-            kLog.source, __LINE__, exception.what());
+            kLog.source, __LINE__, textOf(exception));
     } catch (...) {
         syslog(LOG_WARNING, "%s:%d Failed to get Tovra access token.", kLog.source, __LINE__);
     }
@@ -194,7 +195,7 @@ std::string OAuth2::loginServiceByOrbaAccount() {
 namespace PKCE {
 namespace {
 
-// A file that cannot be written is deliberately not reported.
+// A file that cannot be written is not reported: the caller decides what the file is worth.
 void storeReply(const std::string& tokenFilePath, const Json::Value& reply) {
     std::ofstream file(tokenFilePath, std::ios::out | std::ios::trunc);
     file << reply << std::endl;
@@ -205,7 +206,7 @@ void storeReply(const std::string& tokenFilePath, const Json::Value& reply) {
 void getAccessToken(const ParamGetAccessToken& param) {
     HttpClient::HttpClient client(param.tokenURL, kTokenCookies);
     Json::Value reply;
-    // The values go out as they are: escaping them is the caller's.
+    // The values are sent as they are: callers escape them.
     client.postURLEncodedString(
         "grant_type=authorization_code&code=" + param.code + "&client_id=" + param.clientID +
             "&redirect_uri=" + param.redirectURI + "&code_verifier=" + param.codeVerifier,
@@ -223,7 +224,7 @@ void refreshAccessToken(const ParamRefreshAccessToken& param) {
         "grant_type=refresh_token&refresh_token=" + stored["refresh_token"].asString() +
             "&client_id=" + param.clientID,
         reply);
-    std::cout << reply << std::endl;  // tokens included: deliberate
+    std::cout << reply << std::endl;  // tokens included: callers read them there
     storeReply(param.tokenFilePath, reply);
 }
 

@@ -8,8 +8,8 @@ namespace ORBA::OAuth2Client {
 
 constexpr std::size_t kSerialNumberSize = 36;
 
-// One byte longer than what the platform is told, so that a serial number of 36 characters without
-// a NUL is terminated, too.
+// One byte longer than the size given to the platform, so that a serial number of 36 characters
+// without a NUL is terminated, too.
 struct SerialNumber {
     char text[kSerialNumberSize + 1] = {};
 };

@@ -21,7 +21,8 @@ constexpr Log kLog{"utils"};
 }  // namespace
 
 std::string errCode2Str(int code) {
-    static const std::map<int, std::string> messages = {
+    // Never destroyed: threads and static destructors may ask while the process exits.
+    static const auto& messages = *new std::map<int, std::string>{
         {kNoError, "No Error."},
         {kUnexpectedException, "Unexpected exception happened."},
         {kParseJsonFailed, "Failed to parse json."},
@@ -70,7 +71,7 @@ std::string decodeString(const std::string& str) {
         curl.reset();
         kLog.fail<CurlException>(kUrlDecodeFailed, "Failed to do curl_easy_unescape for string");
     }
-    // Up to the first NUL: a parameter that smuggles one in ("%00") ends there.
+    // Up to the first NUL: a parameter that holds an encoded one ("%00") ends there.
     return std::string(decoded.get());
 }
 
@@ -90,7 +91,7 @@ std::string getParamFromURL(const std::string& url, const std::string& key) {
 
 std::string getDeviceFingerprint() {
     SerialNumber serial;
-    // Code 1 for both failures is deliberate, though 10 names the serial number.
+    // Both failures have code 1, although 10 names the serial number: callers know them by it.
     if (KLIBGetSerialNumber(serial.text, kSerialNumberSize) != 0) {
         kLog.fail<OAuth2Exception>(kUnexpectedException, "Failed to get serial");
     }

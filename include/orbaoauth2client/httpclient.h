@@ -147,6 +147,9 @@ class ORBA_OAUTH2CLIENT_API HttpClient {
     /// @throws HttpClientException with a code of the table above, but for 2.
     void get(bool followRedirects);
 
+    /// @brief Deleted: a pointer would be taken for the flag of get(bool).
+    void get(Json::Value* out) = delete;
+
     /// @brief POSTs a form body and parses the reply as JSON (comments are kept).
     ///
     /// Sets the headers "Content-Type: application/x-www-form-urlencoded" and "charset: utf-8"

@@ -168,6 +168,19 @@ TEST_F(HttpExecution, Success_LeavesTheRedirectUrl) {
     EXPECT_THAT(world().log, IsEmpty());
 }
 
+TEST_F(HttpExecution, AcceptedStatus_AllocatesNothing) {
+    for (const long status : {200L, 302L}) {
+        answer(status, "https://auth.test/short");
+        client.checkHttpResp(curl, &redirect);  // makes room for the redirect URL
+        world().counts.clear();
+        {
+            const fakes::UnderTest underTest;
+            client.checkHttpResp(curl, &redirect);
+        }
+        EXPECT_EQ(0, world().counts["operator new"]);
+    }
+}
+
 TEST_F(HttpExecution, Redirect_StoresTheTargetAndHandsOutLibcurlsPointer) {
     for (const long status : {300L, 302L, 304L, 399L}) {
         const std::string target = "https://auth.test/" + std::to_string(status);

@@ -2,6 +2,7 @@
 #include <json/json.h>
 
 #include <fstream>
+#include <stdexcept>
 
 #include "fixture.h"
 #include "orbaoauth2client/httpclient.h"
@@ -55,10 +56,24 @@ TEST_F(LogLines, TellTheLineOfTheirStatement) {
     expectFailure([&] { client.get(false); });
     world().optionFails[CURLOPT_TIMEOUT] = CURLE_UNKNOWN_OPTION;
     expectFailure([&] { client.get(false); });
-    ASSERT_GT(world().log.size(), 15U);
+    world().onCall = [](const std::string& name) {
+        if (name == "ORBATOVRAAccountGet" || name == "ORBATOVRAErrSet" ||
+            name == "curl_easy_escape") {
+            throw std::runtime_error("lightning");
+        }
+    };
+    expectFailure([&] { oauth2.loginIDP(reply, "c"); });
+    expectFailure([&] { client.get(false); });
+    expectFailure([] { HttpClient::getEncodeQuery({{"a", "1"}}); });
+    world().failAt["curl_easy_init"] = world().counts["curl_easy_init"] + 1;
+    expectFailure([] { HttpClient::getEncodeQuery({}); });
+    world().failAt["curl_easy_init"] = world().counts["curl_easy_init"] + 1;
+    expectFailure([] { decodeString("a"); });
+    ASSERT_GT(world().log.size(), 23U);
     for (const fakes::LogLine& line : world().log) {
         EXPECT_THAT(statementOf(line),
-                    AnyOf(HasSubstr("kLog.fail"), HasSubstr("syslog("), HasSubstr("setOption(")))
+                    AnyOf(HasSubstr("kLog.fail"), HasSubstr("syslog("), HasSubstr("setOption("),
+                          HasSubstr("runGuarded"), HasSubstr("makeEscapeHandle(")))
             << line.source << ":" << line.line << " " << line.text;
     }
 }

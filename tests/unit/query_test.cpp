@@ -79,6 +79,44 @@ TEST_F(Query, ForeignException_IsCode3AndLoggedTwice) {
                 ElementsAre(logged, "curl_easy_cleanup(curl1)", logged));
 }
 
+// Only a CurlException keeps its text, and ends the query normally when its code is 0.
+template <class Exception>
+class EachOtherException : public Query {};
+using OtherExceptions = ::testing::Types<OAuth2ClientException, HttpClientException, JsonException,
+                                         TovraException, OAuth2Exception>;
+TYPED_TEST_SUITE(EachOtherException, OtherExceptions);
+
+TYPED_TEST(EachOtherException, IsForeignToo) {
+    for (const int code : {0, 12}) {
+        fakes::reset();
+        world().onCall = [code](const std::string& name) {
+            if (name == "curl_easy_escape") {
+                throw TypeParam(code, "lightning");
+            }
+        };
+        expectThrows<OAuth2ClientException>(
+            [] {
+                getEncodeQuery({{"a", "1"}});
+            },
+            3, "Exception: lightning");
+        const std::string logged = "7 orbahttpclient Exception: lightning";
+        EXPECT_THAT(fakes::logLines(), ElementsAre(logged, logged));
+    }
+}
+
+struct Silent : std::exception {
+    const char* what() const noexcept override { return nullptr; }
+};
+
+TEST_F(Query, ExceptionWithNullText_HasAnEmptyOne) {
+    world().onCall = [](const std::string& name) {
+        if (name == "curl_easy_escape") {
+            throw Silent();
+        }
+    };
+    expectThrows<OAuth2ClientException>([] { getEncodeQuery({{"a", "1"}}); }, 3, "Exception: ");
+}
+
 TEST_F(Query, ExceptionWithCode0_EndsTheQueryThere) {
     world().onCall = [](const std::string& name) {
         if (name == "curl_easy_escape" && world().counts[name] == 2) {
