@@ -9,7 +9,7 @@ import {anchors, blocks, documents, links, read, root, table} from './markdown.m
 const LANGUAGES = ['c++', 'cmake', 'console', 'ini', 'js', 'json', 'mermaid', 'sh', 'text', ''];
 
 // C++ that a document quotes is compiled, and what is compiled here is run by other tests.
-const compiled = ['examples/fleet-lens', 'docs/snippets'].flatMap((folder) =>
+const compiled = ['examples/fleet-lens', 'examples/step-by-step', 'docs/snippets'].flatMap((folder) =>
     readdirSync(join(root, folder)).filter((name) => /\.(cpp|h)$/.test(name))
         .map((name) => read(`${folder}/${name}`)));
 
