@@ -14,24 +14,32 @@
 namespace bare {
 namespace {
 
-struct CurlRelease {
+struct Release {
     void operator()(CURL* curl) const { curl_easy_cleanup(curl); }
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
     void operator()(char* text) const { curl_free(text); }
 };
-using Handle = std::unique_ptr<CURL, CurlRelease>;
-using Lines = std::unique_ptr<curl_slist, CurlRelease>;
-using Text = std::unique_ptr<char, CurlRelease>;
+template <class Type>
+using Owner = std::unique_ptr<Type, Release>;
 
-// The buffer of libcurl's own example getinmemory.c.
+void require(bool good, const char* failure) {
+    if (!good) {
+        throw std::runtime_error(failure);
+    }
+}
+
+void check(CURLcode result) { require(result == CURLE_OK, curl_easy_strerror(result)); }
+
+Owner<CURL> newHandle() {
+    Owner<CURL> curl(curl_easy_init());
+    require(curl != nullptr, "no libcurl handle");
+    return curl;
+}
+
+// As in libcurl's example getinmemory.c.
 struct Buffer {
     char* memory = nullptr;
     std::size_t size = 0;
-
-    Buffer() = default;
-    ~Buffer() { std::free(memory); }
-    Buffer(const Buffer&) = delete;
-    Buffer& operator=(const Buffer&) = delete;
 };
 
 std::size_t collect(void* piece, std::size_t size, std::size_t count, void* data) {
@@ -52,110 +60,69 @@ std::size_t discard(void* /*piece*/, std::size_t size, std::size_t count, void* 
     return size * count;
 }
 
-void check(CURLcode result) {
-    if (result != CURLE_OK) {
-        throw std::runtime_error(curl_easy_strerror(result));
-    }
-}
-
-template <class Value>
-void set(const Handle& curl, CURLoption option, Value value) {
-    check(curl_easy_setopt(curl.get(), option, value));
-}
-
-Handle newHandle() {
-    Handle curl(curl_easy_init());
-    if (curl == nullptr) {
-        throw std::runtime_error("no libcurl handle");
-    }
-    return curl;
-}
-
-void setUserAgent(const Handle& curl) {
-    char userAgent[256];
-    if (ORBATOVRAUserAgentNameGet(userAgent, sizeof userAgent) != 0) {
-        throw std::runtime_error("no user agent");
-    }
-    set(curl, CURLOPT_USERAGENT, static_cast<const char*>(userAgent));
-}
-
-void setCookies(const Handle& curl, const std::string& path) {
-    if (KLIBCFileTouch(path.c_str()) != 0) {
-        throw std::runtime_error("no cookie file");
-    }
-    set(curl, CURLOPT_COOKIEJAR, path.c_str());
-    set(curl, CURLOPT_COOKIEFILE, path.c_str());
-}
-
-Lines setHeaders(const Handle& curl, const std::vector<std::string>& headers) {
-    Lines lines;
-    for (const std::string& header : headers) {
-        curl_slist* const longer = curl_slist_append(lines.get(), header.c_str());
-        if (longer == nullptr) {
-            throw std::bad_alloc();
+class Request {
+  public:
+    explicit Request(const Endpoint& endpoint) {
+        set(CURLOPT_URL, endpoint.url.c_str());
+        set(CURLOPT_TIMEOUT, 30L);
+        char userAgent[256];
+        require(ORBATOVRAUserAgentNameGet(userAgent, sizeof userAgent) == 0, "no user agent");
+        set(CURLOPT_USERAGENT, static_cast<const char*>(userAgent));
+        set(CURLOPT_SSL_VERIFYPEER, 1L);
+        set(CURLOPT_SSL_VERIFYHOST, 2L);
+        set(CURLOPT_CAPATH, "/etc/ssl/certs/ca-certificates.crt");
+        set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1});
+        require(KLIBCFileTouch(endpoint.cookies.c_str()) == 0, "no cookie file");
+        set(CURLOPT_COOKIEJAR, endpoint.cookies.c_str());
+        set(CURLOPT_COOKIEFILE, endpoint.cookies.c_str());
+        for (const std::string& header : endpoint.headers) {
+            curl_slist* const longer = curl_slist_append(headers.get(), header.c_str());
+            require(longer != nullptr, "out of memory");
+            static_cast<void>(headers.release());
+            headers.reset(longer);
         }
-        static_cast<void>(lines.release());
-        lines.reset(longer);
-    }
-    if (lines != nullptr) {
-        set(curl, CURLOPT_HTTPHEADER, lines.get());
-    }
-    return lines;
-}
-
-// A handle with all that every request has, and the header list that must live as long.
-struct Request {
-    explicit Request(const Endpoint& endpoint) : curl(newHandle()) {
-        set(curl, CURLOPT_URL, endpoint.url.c_str());
-        set(curl, CURLOPT_TIMEOUT, 30L);
-        setUserAgent(curl);
-        set(curl, CURLOPT_SSL_VERIFYPEER, 1L);
-        set(curl, CURLOPT_SSL_VERIFYHOST, 2L);
-        set(curl, CURLOPT_CAPATH, "/etc/ssl/certs/ca-certificates.crt");
-        set(curl, CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1});
-        setCookies(curl, endpoint.cookies);
-        headers = setHeaders(curl, endpoint.headers);
+        if (headers != nullptr) {
+            set(CURLOPT_HTTPHEADER, headers.get());
+        }
     }
 
-    Answer perform() const {
+    template <class Value>
+    void set(CURLoption option, Value value) const {
+        check(curl_easy_setopt(curl.get(), option, value));
+    }
+
+    // Returns the redirect URL, or "".
+    std::string perform() const {
         check(curl_easy_perform(curl.get()));
-        Answer answer;
-        check(curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &answer.status));
+        long status = 0;
+        check(curl_easy_getinfo(curl.get(), CURLINFO_RESPONSE_CODE, &status));
         char* redirectUrl = nullptr;
         check(curl_easy_getinfo(curl.get(), CURLINFO_REDIRECT_URL, &redirectUrl));
-        if (redirectUrl != nullptr) {
-            answer.redirectUrl = redirectUrl;
-        }
-        if (answer.status / 100 != 2 && answer.status / 100 != 3) {
-            throw std::runtime_error("status " + std::to_string(answer.status));
-        }
-        return answer;
+        require(status / 100 == 2 || status / 100 == 3, "not a good status");
+        return redirectUrl == nullptr ? "" : redirectUrl;
     }
 
-    Lines headers;
-    Handle curl;
-};
-
-Json::Value parse(const std::string& body) {
-    Json::Value value;
+    Json::Value performJson() const {
+        Buffer buffer;
+        set(CURLOPT_WRITEFUNCTION, &collect);
+        set(CURLOPT_WRITEDATA, &buffer);
+        perform();
+        const std::string body(buffer.memory == nullptr ? "" : buffer.memory);
+        Json::Value value;
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    Json::Reader reader;
-    if (!reader.parse(body.data(), body.data() + body.size(), value, true)) {
-        throw std::runtime_error("the reply is not JSON");
-    }
+        Json::Reader reader;
+        const bool parsed = reader.parse(body.data(), body.data() + body.size(), value, true);
 #pragma GCC diagnostic pop
-    return value;
-}
+        std::free(buffer.memory);
+        require(parsed, "the reply is not JSON");
+        return value;
+    }
 
-Json::Value performJson(const Request& request) {
-    Buffer buffer;
-    set(request.curl, CURLOPT_WRITEFUNCTION, &collect);
-    set(request.curl, CURLOPT_WRITEDATA, &buffer);
-    request.perform();
-    const std::string body(buffer.memory == nullptr ? "" : buffer.memory);
-    return parse(body);
-}
+  private:
+    Owner<curl_slist> headers;
+    Owner<CURL> curl = newHandle();
+};
 
 void store(const std::string& file, const Json::Value& reply) {
     std::ofstream out(file, std::ios::out | std::ios::trunc);
@@ -164,26 +131,22 @@ void store(const std::string& file, const Json::Value& reply) {
 
 }  // namespace
 
-Json::Value getJson(const Endpoint& endpoint) { return performJson(Request(endpoint)); }
+Json::Value getJson(const Endpoint& endpoint) { return Request(endpoint).performJson(); }
 
-Answer get(const Endpoint& endpoint, bool followRedirects) {
+std::string get(const Endpoint& endpoint, bool followRedirects) {
     const Request request(endpoint);
-    set(request.curl, CURLOPT_WRITEFUNCTION, &discard);
+    request.set(CURLOPT_WRITEFUNCTION, &discard);
     if (followRedirects) {
-        set(request.curl, CURLOPT_FOLLOWLOCATION, 1L);
+        request.set(CURLOPT_FOLLOWLOCATION, 1L);
     }
     return request.perform();
 }
 
 Json::Value post(const Endpoint& endpoint, const std::string& form) {
     const Request request(endpoint);
-    set(request.curl, CURLOPT_CUSTOMREQUEST, "POST");
-    set(request.curl, CURLOPT_POSTFIELDS, form.c_str());
-    return performJson(request);
-}
-
-std::string loginChallenge(const Endpoint& endpoint) {
-    return parameter(get(endpoint, false).redirectUrl, "login_challenge");
+    request.set(CURLOPT_CUSTOMREQUEST, "POST");
+    request.set(CURLOPT_POSTFIELDS, form.c_str());
+    return request.performJson();
 }
 
 void exchange(const Endpoint& endpoint, const std::string& form, const std::string& tokenFile) {
@@ -202,38 +165,30 @@ void refresh(const Endpoint& endpoint, const std::string& clientId, const std::s
 }
 
 std::string decode(const std::string& text) {
-    const Handle curl = newHandle();
-    const Text decoded(
+    const Owner<CURL> curl = newHandle();
+    const Owner<char> decoded(
         curl_easy_unescape(curl.get(), text.c_str(), static_cast<int>(text.size()), nullptr));
-    if (decoded == nullptr) {
-        throw std::bad_alloc();
-    }
+    require(decoded != nullptr, "cannot decode");
     return decoded.get();
 }
 
 std::string parameter(const std::string& url, const std::string& name) {
     const std::string::size_type found = url.find(name + "=");
-    if (found == std::string::npos) {
-        throw std::runtime_error("no " + name);
-    }
+    require(found != std::string::npos, "no such parameter");
     const std::string::size_type begin = found + name.size() + 1;
     return decode(url.substr(begin, url.find('&', begin) - begin));
 }
 
 std::string query(const std::map<std::string, std::string>& parameters) {
-    const Handle curl = newHandle();
+    const Owner<CURL> curl = newHandle();
     std::string query;
     for (const auto& [name, value] : parameters) {
-        const Text escaped(
+        const Owner<char> escaped(
             curl_easy_escape(curl.get(), value.c_str(), static_cast<int>(value.size())));
-        if (escaped == nullptr) {
-            throw std::bad_alloc();
-        }
+        require(escaped != nullptr, "cannot encode");
         query += (query.empty() ? "" : "&") + name + "=" + escaped.get();
     }
     return query;
 }
-
-std::string errorText(int code) { return curl_easy_strerror(static_cast<CURLcode>(code)); }
 
 }  // namespace bare

@@ -1,220 +1,202 @@
 #!/usr/bin/env node
-// Runs all benchmarks, in the private environment, and writes what they found to one file.
+// Runs the benchmarks in the private environment and writes the results to a file.
 //
-// usage: node run.mjs PROGRAMS BUNDLE RESULTS [--short]
+// usage: node run.mjs PROGRAM BUNDLE RESULTS [--short]
 //
-// PROGRAMS is the folder of the benchmark programs, BUNDLE a copy of the machine's CA bundle,
-// RESULTS the file. --short measures less, and less exactly, in a small part of the time.
-import {once} from 'node:events';
-import {appendFileSync, copyFileSync, mkdirSync, readFileSync, writeFileSync} from 'node:fs';
-import {get} from 'node:http';
-import {cpus} from 'node:os';
-import {join} from 'node:path';
-import {text} from 'node:stream/consumers';
+// PROGRAM is orba-bench, BUNDLE a copy of the machine's CA bundle. --short measures less, and less
+// exactly, in a fraction of the time.
+import {spawn, spawnSync} from 'node:child_process';
+import {existsSync, mkdirSync, readFileSync, writeFileSync} from 'node:fs';
+import {cpus, loadavg} from 'node:os';
+import {setTimeout as pause} from 'node:timers/promises';
+import {fileURLToPath} from 'node:url';
 
 import {readCallgrind} from './callgrind.mjs';
-import {
-    ALL_PROCESSORS, CLIENT_PROCESSOR, measured, readJson, startCloud, startServer, startSyslogSink,
-    stop, stopAll,
-} from './servers.mjs';
 
+const KIB = 1 << 10;
 const MIB = 1 << 20;
 const COUNTED_REQUESTS = 20;
-// For the processor time that a server spends on a request.
-const SERVED_REQUESTS = 400;
+const THREAD_REPETITIONS = '15';
+const SIGN_INS = 60;
+const WARM_UPS = 3; // further sign-ins, which fill caches on both sides
+const REQUESTS = ['get(Json)', 'get(false)', 'get(true)', 'postURLEncodedString',
+    'getServerLoginChallenge', 'getAccessToken', 'refreshAccessToken'];
+const TEXTS = ['decodeString', 'getParamFromURL', 'getEncodeQuery'];
 
 const FULL = {
-    requests: '^((request|control)/.*/(HTTP|HTTPS, .*)|' +
-        'request/(get.Json.|postURLEncodedString)/HTTP, debug lines off)/',
-    requestSeconds: 2,
-    replies: '^reply/',
-    replySeconds: 2,
-    texts: '^text/',
-    textSeconds: 0.3,
-    threadRepetitions: 15,
-    threadSeconds: 0.2,
-    memoryBytes: [MIB / 1024, MIB / 64, MIB, 4 * MIB, 16 * MIB, 64 * MIB],
-    counted: ['get(Json)', 'get(false)', 'postURLEncodedString', 'getServerLoginChallenge',
-        'getAccessToken', 'refreshAccessToken'],
-    signIns: 60,
+    transports: ['HTTP', 'HTTP, debug lines off', 'HTTPS, 1 CA', 'HTTPS, all CAs'],
+    replies: [KIB, 64 * KIB, MIB, 16 * MIB, 64 * MIB], memory: [MIB, 16 * MIB, 64 * MIB],
+    texts: [10, 16 * KIB, MIB], counted: REQUESTS, requestSeconds: '4', textSeconds: '0.6',
 };
-
 const SHORT = {
-    requests: '^(request/(get.Json.|postURLEncodedString)/(HTTP|HTTPS, 1 CA)|control/bare twice/HTTP)/',
-    requestSeconds: 0.5,
-    replies: '^reply/get.Json./(1024|1048576)/',
-    replySeconds: 0.5,
-    texts: '^text/.*/(10|1048576)/',
-    textSeconds: 0.05,
-    threadRepetitions: 0,
-    memoryBytes: [4 * MIB],
-    counted: ['get(Json)'],
-    signIns: 3,
+    transports: ['HTTP', 'HTTPS, 1 CA'], replies: [MIB], memory: [4 * MIB], texts: [10, MIB],
+    counted: ['get(Json)'], requestSeconds: '1', textSeconds: '0.3',
 };
 
-const [programs, bundle, resultsFile, option] = process.argv.slice(2);
+const [program, machineBundle, resultsFile, option] = process.argv.slice(2);
 const plan = option === '--short' ? SHORT : FULL;
 const folder = '/tmp/orba-bench-run';
-const environment = {ORBA_BENCH_BUNDLE: `${folder}/bundle.crt`};
+const bundle = `${folder}/bundle.crt`;
+const background = [];
+let servers;
 
-const say = (line) => process.stderr.write(`scripts/bench: ${line}\n`);
 
-// ---- What Google Benchmark times ----------------------------------------------------------------
-
-function timed(processor, filter, seconds, ...more) {
-    const out = `${folder}/timed.json`;
-    measured(processor, environment, join(programs, 'orba-bench'), `--benchmark_filter=${filter}`,
-        `--benchmark_min_time=${seconds}`, `--benchmark_out=${out}`, ...more);
-    const {context, benchmarks} = readJson(out);
-    const failed = benchmarks.find((benchmark) => benchmark.error_occurred);
-    if (failed) throw new Error(`${failed.name}: ${failed.error_message}`);
-    if (benchmarks.length === 0) throw new Error(`no benchmark matches ${filter}`);
-    return {context, benchmarks};
-}
-
-function pairs(filter, seconds) {
-    return timed(CLIENT_PROCESSOR, filter, seconds).benchmarks.map((benchmark) => {
-        const [group, operation, detail] = benchmark.run_name.split('/');
-        const {ours, bare, pairs: count} = benchmark;
-        const spread = (figure) => Object.fromEntries([['count', count],
-            ...['median', 'q1', 'q3', 'low', 'high'].map((name) => [name, benchmark[`${figure}_${name}`]])]);
-        return {
-            group, operation, detail, ours, bare,
-            ratio: spread('time'), processorRatio: spread('processor'),
-        };
+// The median, and the ranks between which the true median lies in 95 of 100 cases.
+function spread(values) {
+    const sorted = [...values].sort((a, b) => a - b);
+    const [median, low, high] = [0, -0.98, 0.98].map((offset) => {
+        const rank = Math.min(1, Math.max(0, 0.5 + offset / Math.sqrt(sorted.length))) * (sorted.length - 1);
+        const [below, above] = [sorted[Math.floor(rank)], sorted[Math.ceil(rank)]];
+        return below + (rank - Math.floor(rank)) * (above - below);
     });
+    return {count: sorted.length, median, low, high};
+}
+const mean = (values) => values.reduce((sum, value) => sum + value, 0) / values.length;
+const medians = ({ours, bare}) => ({ours: spread(ours).median, bare: spread(bare).median});
+
+// Programs that measure get one processor for themselves, servers another.
+const [, list] = readFileSync('/proc/self/status', 'utf8').match(/^Cpus_allowed_list:\s*(\S+)/m);
+const processors = list.split(',').flatMap((range) => {
+    const [first, last = first] = range.split('-').map(Number);
+    return Array.from({length: last - first + 1}, (_, i) => first + i);
+});
+
+async function start(readyFile, ...command) {
+    const child = spawn('taskset', ['-c', String(processors.at(-1)), ...command],
+        {stdio: ['ignore', 'ignore', 'inherit']});
+    background.push(child);
+    while (!existsSync(readyFile)) {
+        if (child.exitCode !== null) throw new Error(`${command.join(' ')} did not start`);
+        await pause(10);
+    }
 }
 
-function threads() {
-    const {threadRepetitions: repetitions, threadSeconds: seconds} = plan;
-    if (repetitions === 0) return [];
-    const {benchmarks} = timed(ALL_PROCESSORS, '^threads/', seconds,
-        `--benchmark_repetitions=${repetitions}`, '--benchmark_enable_random_interleaving=true');
-    return benchmarks.filter(({run_type: type}) => type === 'iteration').map((benchmark) => {
-        const [, server, side] = benchmark.run_name.split('/');
-        const {threads: count, repetition_index: repetition} = benchmark;
-        return {server, side, threads: count, repetition, perSecond: benchmark.items_per_second};
-    });
+function measured(env, ...command) {
+    const {status, signal, error, stdout, stderr} = spawnSync(
+        'taskset', ['-c', String(processors[0]), ...command], {
+            env: {...process.env, ORBA_BENCH_BASE: servers.http, ORBA_BENCH_FOLDER: folder,
+                ORBA_HOST_PROFILE: `${folder}/device.json`, ...env},
+            encoding: 'utf8', maxBuffer: 1 << 28,
+        });
+    if (error || status !== 0) {
+        throw new Error(`${command.join(' ')} failed (${error?.message ?? signal ?? status})\n${stderr ?? ''}`);
+    }
+    return stdout;
 }
 
-// ---- What is counted in a process of its own ----------------------------------------------------
+const bench = (env, ...args) => JSON.parse(measured(env, program, ...args));
 
-const inOwnProcess = (base, ...args) => measured(
-    CLIENT_PROCESSOR, {ORBA_BENCH_BASE: base}, join(programs, 'orba-bench-once'), ...args);
-
-function memory(server) {
-    const runs = [['ours', 'reply'], ['bare', 'reply'], ['ours', 'discard'], ['bare', 'discard']];
-    return plan.memoryBytes.flatMap((bytes) => runs.map(([side, kind]) => (
-        {side, kind, bytes, peak: Number(inOwnProcess(server.http, side, kind, String(bytes)))})));
-}
-
-function counts(server, side, operation) {
-    const out = `${folder}/callgrind.out`;
-    // Bound at start, so that the loader's search for symbols is not counted.
-    measured(CLIENT_PROCESSOR, {ORBA_BENCH_BASE: server.http, LD_BIND_NOW: '1'}, 'valgrind',
-        '--tool=callgrind', '--instr-atstart=no', '--compress-strings=no', '--compress-pos=no',
-        `--callgrind-out-file=${out}`, join(programs, 'orba-bench-once'), side, operation,
-        String(COUNTED_REQUESTS));
-    return readCallgrind(out, COUNTED_REQUESTS);
-}
-
-function instructions(server) {
-    return plan.counted.map((operation) => ({
-        operation,
-        ours: counts(server, 'ours', operation),
-        bare: counts(server, 'bare', operation),
+function pairs(env, seconds, operations) {
+    return bench(env, 'pairs', seconds, ...operations).map((pair) => ({
+        operation: pair.operation,
+        ...medians(pair),
+        ratio: spread(pair.ratios),
+        processorRatio: spread(pair.processorRatios),
     }));
 }
 
-async function serverSeconds(server, base) {
-    // Without an agent: a kept connection would be closed while a program is measured.
-    const usage = async () => {
-        const [response] = await once(get(`${server.http}/usage`, {agent: false}), 'response');
-        return Number(await text(response));
+function requests() {
+    const environments = {
+        'HTTP': {},
+        'HTTP, debug lines off': {ORBA_BENCH_QUIET: '1'},
+        'HTTPS, 1 CA': {ORBA_BENCH_BASE: servers.https},
+        'HTTPS, all CAs': {ORBA_BENCH_BASE: servers.https, ORBA_BENCH_BUNDLE: bundle},
     };
-    const spent = async (requests) => {
-        const before = await usage();
-        inOwnProcess(base, 'bare', 'get(Json)', String(requests));
-        return (await usage()) - before;
-    };
-    await spent(SERVED_REQUESTS); // until V8 has compiled what is called often
-    const few = await spent(0);
-    return (await spent(SERVED_REQUESTS) - few) / SERVED_REQUESTS / 1e6;
+    return plan.transports.flatMap((transport) =>
+        pairs(environments[transport], plan.requestSeconds, REQUESTS)
+            .map((pair) => ({...pair, transport})));
 }
 
-// ---- Sign-in ------------------------------------------------------------------------------------
+const replies = () => plan.replies.map((bytes) =>
+    ({...pairs({}, plan.requestSeconds, [`reply ${bytes}`])[0], operation: 'get(Json)', bytes}));
 
-async function signIn() {
-    const cloud = await startCloud(folder);
-    const output = measured(CLIENT_PROCESSOR, {
-        ...environment,
-        ORBA_AUTHORIZATION_ENDPOINT: cloud.authorizationEndpoint,
-        ORBA_TOKEN_ENDPOINT: cloud.tokenEndpoint,
+const texts = () => plan.texts.flatMap((bytes) =>
+    pairs({}, plan.textSeconds, TEXTS.map((name) => `${name} ${bytes}`))
+        .map((pair, i) => ({...pair, operation: TEXTS[i], bytes})));
+
+function memory() {
+    const grown = (side, kind, bytes) => bench({}, 'once', side, `${kind} ${bytes}`, '1');
+    return [['get(Json)', 'reply'], ['get(false)', 'discard']].flatMap(([operation, kind]) =>
+        plan.memory.map((bytes) => ({
+            operation, bytes, ours: grown('ours', kind, bytes), bare: grown('bare', kind, bytes),
+        })));
+}
+
+function threads() {
+    const variants = [['prompt server', 'get(Json)', {}],
+        ['prompt server, debug lines off', 'get(Json)', {ORBA_BENCH_QUIET: '1'}],
+        ['waiting server', 'wait', {}]];
+    return variants.flatMap(([variant, operation, env]) => JSON.parse(measured(
+        env, 'taskset', '-c', list, program, 'threads', '0.2', THREAD_REPETITIONS, operation))
+        .map((result) => ({
+            variant, count: result.threads, ...medians(result),
+            ratio: spread(result.bare.map((rate, i) => rate / result.ours[i])),
+        })));
+}
+
+function counts(side, operation) {
+    const out = `${folder}/callgrind.out`;
+    // Bound at start, so that the loader's search for symbols is not counted.
+    measured({LD_BIND_NOW: '1'}, 'valgrind', '--tool=callgrind', '--instr-atstart=no',
+        '--compress-strings=no', '--compress-pos=no', `--callgrind-out-file=${out}`,
+        program, 'once', side, operation, String(COUNTED_REQUESTS));
+    return readCallgrind(out, COUNTED_REQUESTS);
+}
+
+const instructions = () => plan.counted.map((operation) =>
+    ({operation, ours: counts('ours', operation), bare: counts('bare', operation)}));
+
+// Means of the middle half of the runs by total, so that the phases add up to it.
+function signIn() {
+    const results = bench({
+        ORBA_BENCH_BUNDLE: bundle,
+        ORBA_AUTHORIZATION_ENDPOINT: servers.authorizationEndpoint,
+        ORBA_TOKEN_ENDPOINT: servers.tokenEndpoint,
         ORBA_BENCH_WEB_PROFILE: `${folder}/web.json`,
         ORBA_BENCH_GRANT_PROFILE: `${folder}/grant.json`,
-    }, join(programs, 'orba-bench-signin'), String(plan.signIns));
-    await stop(cloud.child);
-    return {
-        steps: output.trim().split('\n').map((line) => JSON.parse(line)),
-        requests: readJson(`${folder}/requests.json`),
-    };
+    }, 'sign-in', String(SIGN_INS + WARM_UPS));
+    return [...new Set(results.map(({step}) => step))].map((step) => {
+        const runs = results.filter((result) => result.step === step).slice(WARM_UPS)
+            .sort((a, b) => a.total - b.total);
+        const middle = runs.slice(Math.floor(runs.length / 4), Math.ceil((runs.length * 3) / 4));
+        const means = Object.keys(middle[0]).filter((key) => key !== 'step')
+            .map((phase) => [phase, mean(middle.map((run) => run[phase]))]);
+        return {step, ...Object.fromEntries(means)};
+    });
 }
 
-// ---- All ----------------------------------------------------------------------------------------
-
-function machine(context) {
+function machine() {
+    const output = (...command) => measured({}, ...command).trim();
     const [, system] = readFileSync('/etc/os-release', 'utf8').match(/^PRETTY_NAME="(.*)"$/m);
-    return {
-        processors: cpus().length,
-        model: cpus()[0].model,
-        system,
-        libcurl: context.libcurl,
-        jsoncpp: context.jsoncpp,
-        compiler: context.compiler,
-        node: process.version,
-        bundleCertificates: readFileSync(environment.ORBA_BENCH_BUNDLE, 'utf8').split('BEGIN CERT').length - 1,
-        sandbox: process.env.ORBA_SANDBOX_KIND,
-        load: readFileSync('/proc/loadavg', 'utf8').split(' ')[0],
-    };
+    const libraries = ['libcurl', 'openssl', 'jsoncpp'].map((name) =>
+        `${name} ${output('pkg-config', '--modversion', name)}`);
+    const certificates = readFileSync(bundle, 'utf8').split('BEGIN CERT').length - 1;
+    return `${cpus().length} cores (${cpus()[0].model}), ${system}; ${libraries.join(', ')}, ` +
+        `g++ ${output('g++', '-dumpfullversion')}, Node.js ${process.version.slice(1)}; "all CAs" are ` +
+        `${certificates}. Private environment: ${process.env.ORBA_SANDBOX_KIND}. ` +
+        `Load when it began: ${loadavg()[0].toFixed(2)}.`;
 }
 
 async function run() {
     mkdirSync(folder);
-    copyFileSync(bundle, environment.ORBA_BENCH_BUNDLE);
-    appendFileSync(environment.ORBA_BENCH_BUNDLE, readFileSync(process.env.ORBA_CA_CERT));
-    const profile = `${folder}/device.json`;
-    writeFileSync(profile, JSON.stringify({serial_number: 'ORBA-0123456789', user_agent: 'OrbaNAS/7.2'}));
-
-    await startSyslogSink();
-    const server = await startServer(folder);
-    Object.assign(environment, {
-        ORBA_BENCH_HTTP: server.http, ORBA_BENCH_HTTPS: server.https, ORBA_HOST_PROFILE: profile,
-    });
-    process.env.ORBA_HOST_PROFILE = profile;
-
-    const {context} = timed(CLIENT_PROCESSOR, '^text/errCode2Str', 0.01);
-    const results = {short: plan === SHORT, machine: machine(context)};
-    say('requests');
-    results.requests = pairs(plan.requests, plan.requestSeconds);
-    say('replies');
-    results.replies = pairs(plan.replies, plan.replySeconds);
-    results.memory = memory(server);
-    say('texts');
-    results.texts = pairs(plan.texts, plan.textSeconds);
-    say('threads');
-    results.threads = threads();
-    say('instructions and allocations');
-    results.instructions = instructions(server);
-    say('sign-in');
-    results.serverSeconds = {
-        http: await serverSeconds(server, server.http),
-        https: await serverSeconds(server, server.https),
-    };
-    results.signIn = await signIn();
+    writeFileSync(bundle, [machineBundle, process.env.ORBA_CA_CERT].map((file) => readFileSync(file)).join(''));
+    writeFileSync(`${folder}/device.json`,
+        JSON.stringify({serial_number: 'ORBA-0123456789', user_agent: 'OrbaNAS/7.2'}));
+    await start('/tmp/devlog.sock', program, 'syslog', '/tmp/devlog.sock');
+    await start(`${folder}/servers.json`, process.execPath,
+        fileURLToPath(new URL('server.mjs', import.meta.url)), folder);
+    servers = JSON.parse(readFileSync(`${folder}/servers.json`, 'utf8'));
+    const results = {short: plan === SHORT, machine: machine()};
+    const parts = {requests, replies, texts, memory, instructions};
+    if (plan === FULL) Object.assign(parts, {threads, signIn});
+    for (const [name, measure] of Object.entries(parts)) {
+        console.error(`scripts/bench: ${name}`);
+        results[name] = measure();
+    }
     writeFileSync(resultsFile, JSON.stringify(results, null, 1));
 }
 
 run().catch((error) => {
-    say(error.message);
+    console.error(`scripts/bench: ${error.message}`);
     process.exitCode = 1;
-}).finally(stopAll);
+}).finally(() => background.forEach((child) => child.kill('SIGTERM')));
