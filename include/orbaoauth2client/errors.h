@@ -1,9 +1,8 @@
 /// @file errors.h
 /// @brief The error codes, their messages, and the exceptions that carry them.
 ///
-/// Every failure of the library is an exception of one of the classes below, with a code of this
-/// table; errCode2Str() gives its message. The codes are a contract: none is ever given another
-/// meaning, and 6 stays free.
+/// Every failure that the library reports is an exception of one of the classes below with a code
+/// of this table; errCode2Str() returns its message. Codes never change their meaning; 6 is unused.
 ///
 /// | Code | Message |
 /// |-----:|---------|
@@ -41,9 +40,9 @@
 /// | 32 | Request timeout. |
 /// | 33 | The remote server's SSL certificate was deemed not OK. |
 ///
-/// The text of an exception tells more than its code's message: what failed, where, and with which
-/// number. No operation raises 7, 8, 9, 13 or 29: the library neither makes nor compares a `state`
-/// (that is the caller's part), and a failed encoding reaches the caller as 3.
+/// The text of an exception says more than its code's message: what failed, where, and with which
+/// number. No operation raises 7, 8, 9, 13 or 29: generating and comparing `state` is left to the
+/// caller, and a failed encoding has code 3.
 #ifndef ORBAOAUTH2CLIENT_ERRORS_H
 #define ORBAOAUTH2CLIENT_ERRORS_H
 
@@ -55,26 +54,26 @@
 /// @brief The library: sign-in (OAuth2), tokens (PKCE), requests (HttpClient), errors, URLs.
 namespace ORBA::OAuth2Client {
 
-/// @brief Gives the message of an error code.
+/// @brief Returns the message of an error code.
 /// @param code An error code; any number is accepted.
-/// @return The message of the table in errors.h; an empty string for a number that is not in it.
-/// @throws std::bad_alloc when memory runs out; nothing else.
-/// @note Safe from any number of threads at once, for any code.
+/// @return The message in the table of errors.h; an empty string for any other number.
+/// @throws std::bad_alloc if memory runs out.
+/// @note Can be called from any number of threads at once.
 ORBA_OAUTH2CLIENT_API std::string errCode2Str(int code);
 
 /// @brief The base of all exceptions of the library: a code and a text.
 ///
-/// Catch it to catch every failure that the library itself reports; catch a subclass to tell the
-/// layers apart. Thrown as this very class by the operations of OAuth2 (see oauth2.h) and by
-/// HttpClient::getEncodeQuery().
+/// Catching it catches every failure that the library itself reports; the subclasses say which
+/// layer failed. The operations of OAuth2 (see oauth2.h) and HttpClient::getEncodeQuery() throw
+/// exactly this class.
 ///
-/// Some failures are not the library's own and have no code: those that refreshAccessToken() passes
-/// on from jsoncpp, a grant that the account-service library refuses. Catch std::exception as well.
+/// Some failures have no code: std::bad_alloc, exceptions of jsoncpp that refreshAccessToken()
+/// passes on, and a grant that the account-service library refuses. Catch std::exception as well.
 class ORBA_OAUTH2CLIENT_API OAuth2ClientException : public std::exception {
   public:
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code; it is not checked.
-    /// @param text The text for what(), kept at its full length, NUL bytes included.
+    /// @param text The text for what(), stored whole, including NUL bytes.
     OAuth2ClientException(int errorCode, const std::string& text)
         : code(errorCode), message(text) {}
 
@@ -82,13 +81,13 @@ class ORBA_OAUTH2CLIENT_API OAuth2ClientException : public std::exception {
     OAuth2ClientException(const OAuth2ClientException&) = default;
     OAuth2ClientException& operator=(const OAuth2ClientException&) = default;
 
-    /// @brief Tells what failed, where, and with which number.
-    /// @return The text; it lives as long as this object. It may quote URLs and replies, and with
-    /// them secrets: show it to who may see the debug log.
+    /// @brief Says what failed, where, and with which number.
+    /// @return The text; it lives as long as this object. It may quote URLs and replies that
+    /// contain secrets: show it only to readers of the debug log.
     const char* what() const noexcept override { return message.c_str(); }
 
-    /// @brief Tells the error code.
-    /// @return The code that the exception was made with.
+    /// @brief Returns the error code.
+    /// @return The code that the constructor was given.
     virtual int errCode() const { return code; }
 
   private:
@@ -96,18 +95,18 @@ class ORBA_OAUTH2CLIENT_API OAuth2ClientException : public std::exception {
     std::string message;
 };
 
-/// @brief A request that failed: thrown by the request operations of HttpClient::HttpClient, with
-/// the code of what went wrong inside, and by its set-up for an empty URL or cookie path.
+/// @brief A failed request: thrown by the request operations of HttpClient::HttpClient with the
+/// code of the cause, and by its set-up for an empty URL or cookie path.
 class ORBA_OAUTH2CLIENT_API HttpClientException : public OAuth2ClientException {
   public:
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     HttpClientException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
 
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
-    /// @param text The text; deliberately cut at its first NUL byte, unlike the base class's.
+    /// @param text The text, up to its first NUL byte, as for the constructor above.
     HttpClientException(int errorCode, const std::string& text)
         : OAuth2ClientException(errorCode, text.c_str()) {}
 
@@ -119,7 +118,7 @@ class ORBA_OAUTH2CLIENT_API HttpClientException : public OAuth2ClientException {
 /// @brief A reply that is not JSON. The request operations wrap it in an HttpClientException.
 class ORBA_OAUTH2CLIENT_API JsonException : public OAuth2ClientException {
   public:
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     JsonException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
@@ -132,14 +131,14 @@ class ORBA_OAUTH2CLIENT_API JsonException : public OAuth2ClientException {
 /// @brief A failure of libcurl: a handle, an option, a transfer, a status, an escape.
 class ORBA_OAUTH2CLIENT_API CurlException : public OAuth2ClientException {
   public:
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     CurlException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
 
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
-    /// @param text The text; deliberately cut at its first NUL byte, unlike the base class's.
+    /// @param text The text, up to its first NUL byte, as for the constructor above.
     CurlException(int errorCode, const std::string& text)
         : OAuth2ClientException(errorCode, text.c_str()) {}
 
@@ -151,7 +150,7 @@ class ORBA_OAUTH2CLIENT_API CurlException : public OAuth2ClientException {
 /// @brief A failure of the device's account-service library.
 class ORBA_OAUTH2CLIENT_API TovraException : public OAuth2ClientException {
   public:
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     TovraException(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
@@ -164,14 +163,14 @@ class ORBA_OAUTH2CLIENT_API TovraException : public OAuth2ClientException {
 /// @brief A URL without the wanted parameter, or a device without a fingerprint (see utils.h).
 class ORBA_OAUTH2CLIENT_API OAuth2Exception : public OAuth2ClientException {
   public:
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
     /// @param text NUL-terminated text; a null pointer gives std::logic_error.
     OAuth2Exception(int errorCode, const char* text) : OAuth2ClientException(errorCode, text) {}
 
-    /// @brief Keeps a code and a text.
+    /// @brief Stores a code and a text.
     /// @param errorCode An error code.
-    /// @param text The text; deliberately cut at its first NUL byte, unlike the base class's.
+    /// @param text The text, up to its first NUL byte, as for the constructor above.
     OAuth2Exception(int errorCode, const std::string& text)
         : OAuth2ClientException(errorCode, text.c_str()) {}
 

@@ -9,42 +9,41 @@
 
 namespace ORBA::OAuth2Client {
 
-/// @brief Undoes the percent-encoding of a text (RFC 3986, section 2.1), as curl_easy_unescape()
-/// does.
+/// @brief Decodes percent-encoded text (RFC 3986, section 2.1), as curl_easy_unescape() does.
 ///
-/// "+" stays "+". A malformed escape ("%G1", a "%" at the end) is copied as it is. A decoded NUL
-/// byte ("%00") ends the result.
+/// "+" is not decoded. A malformed escape ("%G1", a "%" at the end) is copied unchanged. A decoded
+/// NUL byte ("%00") ends the result.
 ///
 /// @param str The text; shorter than 2 GiB.
 /// @return The decoded text.
-/// @throws CurlException code 23 when libcurl gives no handle, code 30 when it cannot decode.
-/// @note Keeps no state; safe from any number of threads at once.
+/// @throws CurlException code 23 if libcurl returns no handle, code 30 if it cannot decode.
+/// @note Stateless; can be called from any number of threads at once.
 ORBA_OAUTH2CLIENT_API std::string decodeString(const std::string& str);
 
-/// @brief Takes the decoded value of one parameter out of a URL.
+/// @brief Returns the decoded value of one parameter of a URL.
 ///
-/// A plain text search, deliberately not a URL parser: the value begins behind the first
-/// `key` + "=" anywhere in the URL (host, path, another parameter's name and the fragment included)
-/// and ends before the next "&" or at the end of the URL (so a fragment stays in the value).
+/// This is a text search, so that URLs of any form are accepted: the value begins after the first
+/// `key` + "=" anywhere in the URL (in the host, the path, the name of another parameter, the
+/// fragment) and ends before the next "&" or at the end of the URL (the fragment is part of it).
 ///
 /// @param url The URL.
-/// @param key The parameter's name, compared byte by byte.
-/// @return The value, decoded by decodeString(); empty when the parameter is there with no value.
-/// @throws OAuth2Exception code 12 when `url` or `key` is empty or the parameter is not there.
+/// @param key The parameter's name, case-sensitive.
+/// @return The value, decoded by decodeString(); may be empty.
+/// @throws OAuth2Exception code 12 if `url` or `key` is empty or the parameter is missing.
 /// @throws CurlException codes 23 and 30 from decodeString().
-/// @note Keeps no state; safe from any number of threads at once.
+/// @note Stateless; can be called from any number of threads at once.
 ORBA_OAUTH2CLIENT_API std::string getParamFromURL(const std::string& url, const std::string& key);
 
-/// @brief Gives a stable identifier of this device that does not reveal its serial number.
+/// @brief Returns a stable identifier of this device that does not reveal its serial number.
 ///
-/// The serial number comes from the core platform library, the pseudonym from the usage-data
-/// library; both are asked at every call, nothing is cached or retried.
+/// Each call gets the serial number from the core platform library and its pseudonym from the
+/// usage-data library.
 ///
 /// @return The pseudonym as text.
-/// @throws OAuth2Exception code 1 when the serial number ("Failed to get serial") or its pseudonym
-/// ("Failed to pseudonymise serial") is not to be had. Deliberately not code 10.
-/// @throws std::logic_error when the usage-data library reports success without a pseudonym.
-/// @note As safe from several threads as the two platform functions are.
+/// @throws OAuth2Exception code 1 if the serial number ("Failed to get serial") or its pseudonym
+/// ("Failed to pseudonymise serial") is unavailable; code 10 is that of OAuth2::loginIDP() only.
+/// @throws std::logic_error if the usage-data library reports success without a pseudonym.
+/// @note As thread-safe as the two platform functions.
 ORBA_OAUTH2CLIENT_API std::string getDeviceFingerprint();
 
 }  // namespace ORBA::OAuth2Client
