@@ -1,0 +1,186 @@
+#include "token_endpoint.h"
+
+#include <json/reader.h>
+#include <strings.h>
+
+#include <algorithm>
+#include <charconv>
+#include <cmath>
+#include <memory>
+#include <utility>
+#include <vector>
+
+namespace ORBA::OAuth2Session {
+namespace {
+
+constexpr double kTenYears = 10 * 365.25 * 24 * 3600;
+
+std::string textMember(const Json::Value& object, const char* name) {
+    const Json::Value& value = object[name];
+    return value.isString() ? value.asString() : "";
+}
+
+bool isAccessToken(const std::string& text) {
+    return !text.empty() &&
+           std::all_of(text.begin(), text.end(), [](char c) { return c > ' ' && c <= '~'; });
+}
+
+std::optional<double> decimal(const std::string& text) {
+    double number = 0;
+    const char* const begin = text.data();
+    const char* const end = begin + text.size();
+    const bool startsWithDigit = !text.empty() && text.find_first_of("0123456789") <= 1 &&
+                                 (text[0] == '-' || text.find_first_of("0123456789") == 0);
+    const auto [stop, error] = std::from_chars(begin, end, number, std::chars_format::fixed);
+    if (!startsWithDigit || stop != end) {
+        return std::nullopt;
+    }
+    // Out of range is either far too long or next to nothing.
+    return error == std::errc() ? number : (text[0] >= '1' && text[0] <= '9' ? kTenYears : 0);
+}
+
+std::optional<milliseconds> readLifetime(const Json::Value& value) {
+    std::optional<double> lifetime;
+    if (value.isNumeric()) {
+        lifetime = value.asDouble();
+    } else if (value.isString()) {
+        lifetime = decimal(value.asString());
+    }
+    if (!lifetime) {
+        return std::nullopt;
+    }
+    return milliseconds(std::llround(std::clamp(*lifetime, 0.0, kTenYears) * 1000));
+}
+
+std::optional<milliseconds> readPointInTime(const Json::Value& value) {
+    constexpr double kFarAhead = 1e12;
+    if (!value.isNumeric() || std::abs(value.asDouble()) > kFarAhead) {
+        return std::nullopt;
+    }
+    return milliseconds(std::llround(value.asDouble() * 1000));
+}
+
+// The `error` of a reply, if it counts.
+std::string errorOf(const Reply& reply, const std::vector<std::string>& sent) {
+    const std::optional<Json::Value> object = parseObject(reply.body);
+    const std::string error = object ? textMember(*object, "error") : "";
+    return countsInStatus(error, reply.status) && isServerError(error, sent) ? error : "";
+}
+
+// A reply that is no 200.
+TokenReply judgeRefusal(const Reply& reply, const std::string& url,
+                        const std::vector<std::string>& sent, bool isRefresh) {
+    TokenReply result;
+    const std::string error = errorOf(reply, sent);
+    result.failure = error.empty() ? failureOfStatus(reply.status, url)
+                                   : failureOfServerError(error, url, !isRefresh);
+    result.failure->retryAfter = reply.retryAfter;
+    result.refused = isRefresh && error != "invalid_client" &&
+                     (reply.status == 400 || reply.status == 401 || error == "invalid_grant");
+    return result;
+}
+
+}  // namespace
+
+std::optional<Json::Value> parseObject(const std::string& text) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder.settings_["rejectDupKeys"] = false;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    try {
+        if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr) &&
+            value.isObject()) {
+            return value;
+        }
+    } catch (const Json::Exception&) {  // nested too deeply
+        return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+Tokens readTokens(const Json::Value& object) {
+    Tokens tokens;
+    tokens.refreshToken = textMember(object, "refresh_token");
+    tokens.tokenType = textMember(object, "token_type");
+    const std::string accessToken = textMember(object, "access_token");
+    if (isAccessToken(accessToken) && strcasecmp(tokens.tokenType.c_str(), "bearer") == 0) {
+        tokens.accessToken = accessToken;
+    }
+    tokens.scope = textMember(object, "scope");
+    tokens.idToken = textMember(object, "id_token");
+    tokens.lifetime = readLifetime(object["expires_in"]);
+    tokens.expiresAt = readPointInTime(object["expires_at"]);
+    return tokens;
+}
+
+void checkStatus(const Reply& reply, const std::string& url, const std::vector<std::string>& sent) {
+    const std::string error = errorOf(reply, sent);
+    if (error.empty() && (reply.status / 100 == 2 || reply.status / 100 == 3)) {
+        return;
+    }
+    Failure failure = error.empty() ? failureOfStatus(reply.status, url)
+                                    : failureOfServerError(error, url, false);
+    failure.retryAfter = reply.retryAfter;
+    throw std::move(failure);
+}
+
+TokenReply TokenEndpoint::exchange(const std::string& code, const std::string& verifier) {
+    Parameters form = {{"grant_type", "authorization_code"},
+                       {"code", code},
+                       {"client_id", settings.clientId},
+                       {"redirect_uri", settings.redirectUri}};
+    if (!verifier.empty()) {
+        form.emplace_back("code_verifier", verifier);
+    }
+    return request(form, {code, verifier}, false);
+}
+
+TokenReply TokenEndpoint::refresh(const std::string& refreshToken) {
+    return request({{"grant_type", "refresh_token"},
+                    {"refresh_token", refreshToken},
+                    {"client_id", settings.clientId}},
+                   {refreshToken}, true);
+}
+
+void TokenEndpoint::revoke(const std::string& token, const char* kind) {
+    const Parameters form = {
+        {"token", token}, {"token_type_hint", kind}, {"client_id", settings.clientId}};
+    const Reply reply = transfer.post(settings.revocationEndpoint, formEncode(form));
+    checkStatus(reply, settings.revocationEndpoint, {token});
+    if (reply.status / 100 != 2) {
+        throw Failure(failureOfStatus(reply.status, settings.revocationEndpoint));
+    }
+}
+
+TokenReply TokenEndpoint::request(const Parameters& form, const std::vector<std::string>& secrets,
+                                  bool isRefresh) {
+    const std::string& url = settings.tokenEndpoint;
+    const nanoseconds sent = bootTime();
+    const milliseconds sentAt = wallTime();
+    const Reply reply = transfer.post(url, formEncode(form));
+    if (reply.status != 200) {
+        return judgeRefusal(reply, url, secrets, isRefresh);
+    }
+    TokenReply result;
+    const std::optional<Json::Value> object = parseObject(reply.body);
+    if (!object) {
+        result.failure =
+            makeFailure(kParseJsonFailed, hostOf(url) + " sent tokens that are no JSON object");
+        result.failure->retryAfter = reply.retryAfter;
+        return result;
+    }
+    result.tokens = readTokens(*object);
+    result.tokens.sent = sent;
+    result.tokens.expiresAt.reset();
+    if (result.tokens.lifetime) {
+        result.tokens.expiresAt = sentAt + *result.tokens.lifetime;
+    }
+    if (result.tokens.accessToken.empty()) {
+        result.failure = makeFailure(kSenselessReply, hostOf(url) + " sent no usable access token");
+        result.failure->retryAfter = reply.retryAfter;
+    }
+    return result;
+}
+
+}  // namespace ORBA::OAuth2Session
