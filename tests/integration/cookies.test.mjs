@@ -6,7 +6,9 @@ import {
 import {describe, test} from 'node:test';
 
 import {GOOD} from './certificates.mjs';
-import {assertRequestFailed, reply, startDevice, startServer, succeeded} from './lab.mjs';
+import {
+    assertRequestFailed, libcurlFrom, reply, startDevice, startServer, succeeded,
+} from './lab.mjs';
 
 const CONCURRENCY = {concurrency: 8};
 const PLAIN = reply(204);
@@ -98,11 +100,12 @@ describe('A cookie', CONCURRENCY, () => {
             assert.deepEqual(await sentBack(t, [setting('a=1', 'b=1'), setting(`a=; ${removal}`)]),
                 ['a=1; b=1', 'b=1']));
 
-        // libcurl reads the file once more before it writes it.
-        test(`that is removed with ${removal} comes back when another one is set behind it`,
+        // libcurl 7.88 reads the file once more before it writes it, and the cookie comes back.
+        test(`that is removed with ${removal} before another one is set is sent by 7.88 only`,
             async (t) => {
                 const cookies = [setting('a=1'), setting(`a=; ${removal}`, 'b=1')];
-                assert.deepEqual(await sentBack(t, cookies), ['a=1', 'b=1; a=1']);
+                assert.deepEqual(await sentBack(t, cookies),
+                    ['a=1', libcurlFrom(8, 14) ? 'b=1' : 'b=1; a=1']);
             });
     }
 
@@ -237,6 +240,7 @@ describe('A cookie file', CONCURRENCY, () => {
         assert.deepEqual(server.requests.map(cookiesIn), [[], []]);
     });
 
+    // libcurl 8.14 reads no further than to a line that is too long, 7.88 passes over it.
     test('that holds rubbish is replaced by what is a cookie in it', async (t) => {
         const server = await startServer(t, setting('b=2'));
         const device = startDevice(t);
@@ -247,9 +251,9 @@ describe('A cookie file', CONCURRENCY, () => {
             Buffer.from('\n127.0.0.1\tFALSE\t/\tFALSE\tsoon\tno date\t1\n{"json": 1}'),
         ]));
         succeeded(await device.get(server.url));
-        assert.deepEqual(server.requests.map(cookiesIn), [['late=1; a=1']]);
-        assert.deepEqual(jar(device.cookies).map((fields) => fields.slice(5)),
-            [['b', '2'], ['late', '1'], ['a', '1']]);
+        const names = libcurlFrom(8, 14) ? ['a'] : ['late', 'a'];
+        assert.deepEqual(server.requests.map(cookiesIn), [[names.map((n) => `${n}=1`).join('; ')]]);
+        assert.deepEqual(jar(device.cookies).map((fields) => fields[5]), ['b', ...names]);
     });
 
     test('is read no further than to a line that begins with a NUL byte', async (t) => {

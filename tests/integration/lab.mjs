@@ -15,6 +15,12 @@ if (!process.env.ORBA_SANDBOX_KIND) {
 export const USER_AGENT = 'OrbaNAS/7.2 (integration)';
 const HTTP_CLIENT_EXCEPTION = 'ORBA::OAuth2Client::HttpClientException';
 
+// Whether libcurl is this version or a newer one: what it does was measured with 7.88 and 8.14.
+export function libcurlFrom(major, minor) {
+    const [ownMajor, ownMinor] = process.env.ORBA_LIBCURL.split('.').map(Number);
+    return ownMajor > major || (ownMajor === major && ownMinor >= minor);
+}
+
 export function scratchFolder(t) {
     const folder = mkdtempSync('/tmp/integration-');
     t.after(() => rmSync(folder, {recursive: true}));

@@ -2,8 +2,8 @@ import assert from 'node:assert/strict';
 import {describe, test} from 'node:test';
 
 import {
-    answer, assertTransferFailed, drop, json, pathOf, redirect, reply, reset, startDevice,
-    startServer, succeeded,
+    answer, assertTransferFailed, drop, json, libcurlFrom, pathOf, redirect, reply, reset,
+    startDevice, startServer, succeeded,
 } from './lab.mjs';
 
 const GREETING = json({hello: 'device'});
@@ -62,13 +62,12 @@ describe('A transfer that fails three times', CONCURRENCY, () => {
         ['because the reply is binary', Buffer.from([0, 1, 2, 0xff, 0xfe, 0x0a]), 1],
         ['because the status line is of HTTP/1.2', 'HTTP/1.2 200 OK\r\n\r\n{}', 1],
         ['because the status is no number', 'HTTP/1.1 2x0 OK\r\n\r\n{}', 1],
-        ['because the status has four digits', 'HTTP/1.1 2000 OK\r\n\r\n{}', 1],
         ['because the status is 000', 'HTTP/1.1 000 None\r\n\r\n{}', 1],
         ['because a header has no colon', `${HEAD}no colon here\r\n\r\n{}`, 8],
         ['because a header holds a NUL byte', `${HEAD}X-Nul: a\0b\r\n\r\n{}`, 8],
         ['because Content-Length is no number', `${HEAD}Content-Length: many\r\n\r\n{}`, 8],
         ['because a header line is longer than 100 KiB',
-            `${HEAD}X-Long: ${'x'.repeat(101 * 1024)}\r\n\r\n{}`, 27],
+            `${HEAD}X-Long: ${'x'.repeat(101 * 1024)}\r\n\r\n{}`, libcurlFrom(8, 6) ? 100 : 27],
         ['because the headers are longer than 300 KiB',
             `${HEAD}${`X-Long: ${'x'.repeat(50 * 1024)}\r\n`.repeat(7)}\r\n{}`, 56],
     ];
@@ -199,6 +198,18 @@ describe('A reply', CONCURRENCY, () => {
         assert.equal(server.arrivals.length, 2);
     });
 
+    // libcurl 7.88 refuses it, 8.14 reads the first three.
+    test('whose status has four digits depends on libcurl', async (t) => {
+        const server = await startServer(t, 'HTTP/1.1 2000 OK\r\n\r\n{}');
+        const answered = await startDevice(t).getJson(server.url);
+        if (libcurlFrom(8, 14)) {
+            succeeded(answered);
+            assert.equal(answered.status, 200);
+        } else {
+            assertTransferFailed(answered, server.url, 26, 1);
+        }
+    });
+
     test('that drips slowly is waited for', async (t) => {
         const server = await startServer(t, async (connection) => {
             await connection.request();
@@ -262,11 +273,12 @@ describe('A server', CONCURRENCY, () => {
         assert.deepEqual(server.peers, ['::1']);
     });
 
-    // libcurl resolves `localhost` itself and puts the IPv4 address first.
-    test('that listens on both is asked over IPv4', async (t) => {
+    // libcurl resolves `localhost` itself; 7.88 puts the IPv4 address first, 8.14 the IPv6 address.
+    test('that listens on both is asked over IPv4 by the last attempt', async (t) => {
         const server = await startNamedServer(t, [drop, drop, GREETING], ['::1', '127.0.0.1']);
         succeeded(await startDevice(t).getJson(server.url));
-        assert.deepEqual(server.peers, ['127.0.0.1', '127.0.0.1', '127.0.0.1']);
+        const first = libcurlFrom(8, 14) ? '::1' : '127.0.0.1';
+        assert.deepEqual(server.peers, [first, first, '127.0.0.1']);
     });
 
     test('that listens on IPv6 only is not reached by the last attempt', async (t) => {
