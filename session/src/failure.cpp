@@ -13,6 +13,7 @@ namespace ORBA::OAuth2Session {
 namespace {
 
 constexpr std::size_t kMaxErrorLength = 100;
+constexpr std::size_t kMaxHostLength = 255;
 
 constexpr std::array<std::string_view, 3> kPassing = {"server_error", "temporarily_unavailable",
                                                       "slow_down"};
@@ -148,8 +149,10 @@ std::string hostOf(const std::string& url) {
     const std::string::size_type begin = colon + 3;
     std::string host = url.substr(begin, url.find_first_of("/?#", begin) - begin);
     host.erase(0, host.rfind('@') + 1);
-    const std::string::size_type port = host.find(':', host.rfind(']') + 1);
-    return url.substr(0, begin) + host.substr(0, port);
+    host.erase(std::min(host.find(':', host.rfind(']') + 1), host.size()));
+    std::replace_if(
+        host.begin(), host.end(), [](char c) { return c <= ' ' || c > '~'; }, '?');
+    return url.substr(0, begin) + host.substr(0, kMaxHostLength);
 }
 
 void logInfo(const std::string& what) { syslog(LOG_INFO, "orbaoauth2session: %s", what.c_str()); }

@@ -230,7 +230,7 @@ AccessToken Session::Impl::obtain(const std::string* refused) {
             wait(lock, call, *joined);
             const bool same = refused != nullptr && joined->refused == *refused;
             if (joined->failure && (joined->failure->code != kTooNewToRenew || same)) {
-                throw Failure(*joined->failure);
+                throw *joined->failure;
             }
             if (joined->token && (refused == nullptr || same || joined->token->text != *refused)) {
                 return *joined->token;
@@ -309,7 +309,7 @@ void Session::Impl::fly(std::unique_lock<std::mutex>& lock, const std::shared_pt
         if (!flight->failure->repeated) {
             logWarning(flight->failure->text);
         }
-        throw Failure(*flight->failure);
+        throw *flight->failure;
     }
 }
 
@@ -319,6 +319,7 @@ void Session::Impl::fly(std::unique_lock<std::mutex>& lock, const std::shared_pt
 // Early renewal: whatever goes wrong, the token at hand is still good.
 void Session::Impl::keepUp(Flight& flight, const Call& call) {
     Call limited{std::min<nanoseconds>(call.deadline, bootTime() + kEarlyLimit), cancelled};
+    lastStore = bootTime();
     try {
         flight.token = renew(flight, limited);
     } catch (...) {
@@ -333,6 +334,7 @@ void Session::Impl::keepUp(Flight& flight, const Call& call) {
             failure.retryAfter > milliseconds(0) ? failure.retryAfter : kPauseAfterEarlyFailure;
         postponeEarly(bootTime() + pause);
     }
+    publish();
 }
 
 // Gives a token other than the one at hand; nothing if an early renewal finds none.
@@ -373,8 +375,8 @@ void Session::Impl::lookAfterReserve(Errand& errand) {
         if (store.hasWorkFolder() && store.tryLock()) {
             store.recover(errand.digest);
         }
-    } catch (const Failure& failure) {
-        logWarning(failure.text);  // a good token is no worse for it
+    } catch (const Failure&) {
+        return;  // a good token is no worse for it, and a renewal meets it again
     }
 }
 
@@ -422,7 +424,7 @@ void Session::Impl::checkAge(Errand& errand) {
     if (age < errand.gate.requiredAge()) {
         Failure failure = makeFailure(kTooNewToRenew, "The refused token is too new to be renewed");
         failure.retryAfter = errand.gate.requiredAge() - age;
-        throw Failure(failure);
+        throw std::move(failure);
     }
 }
 
@@ -431,7 +433,7 @@ std::optional<AccessToken> Session::Impl::throughGate(Errand& errand) {
     checkAge(errand);
     if (const std::optional<Failure> failure = errand.gate.closedBy(now())) {
         errand.saveGate();  // after another boot the wait begins anew only once
-        throw Failure(*failure);
+        throw *failure;
     }
     errand.store.reserve();
     errand.store.allocateGate();
@@ -443,7 +445,7 @@ std::optional<AccessToken> Session::Impl::throughGate(Errand& errand) {
             errand.gate.close(failure, now(), randomFraction());
             errand.saveGate();
         }
-        throw Failure(failure);
+        throw std::move(failure);
     }
 }
 
@@ -508,7 +510,7 @@ AccessToken Session::Impl::finish(Errand& errand, TokenReply& reply, bool isRefr
             rest.refreshToken = tokens.refreshToken;
             replaceFile(errand, rest);
         }
-        throw Failure(*reply.failure);
+        throw *reply.failure;
     }
     if (isRefresh && tokens.refreshToken.empty()) {
         tokens.refreshToken = old.refreshToken;
@@ -556,15 +558,12 @@ void Session::Impl::storeUnstored(Errand& errand) {
     if (!unstored) {
         return;
     }
-    lastStore = bootTime();
     try {
         errand.store.reserve();
         errand.store.store(unstored->content);
         unstored.reset();
-        publish();
     } catch (const Failure&) {
-        errand.store.dropReserve();
-        publish();
+        errand.store.dropReserve();  // it was warned of when the tokens came
     }
 }
 
@@ -582,7 +581,7 @@ void Session::Impl::hold(const Held& token) {
 void Session::Impl::postponeEarly(nanoseconds until) {
     {
         const std::lock_guard lock(mutex);
-        atHand->early = until;
+        atHand->early = std::max(atHand->early, until);
     }
     publish();
 }
@@ -701,7 +700,12 @@ bool Session::Impl::revoke(Errand& errand) {
 Session::Session(const Settings& settings, int version)
     : impl(throwingSessionExceptions([&] {
           watchForks();
-          return std::make_unique<Impl>(checkedSettings(settings, version));
+          try {
+              return std::make_unique<Impl>(checkedSettings(settings, version));
+          } catch (const Failure& failure) {
+              logWarning(failure.text);
+              throw;
+          }
       })) {}
 
 Session::~Session() {

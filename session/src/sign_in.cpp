@@ -3,7 +3,6 @@
 #include <json/value.h>
 #include <orbaoauth2client/oauth2.h>
 
-#include <exception>
 #include <new>
 #include <optional>
 #include <string>
@@ -86,7 +85,7 @@ std::optional<std::string> askForGrant(const std::string& url, Call& call) {
         throw;
     } catch (const OAuth2Client::OAuth2ClientException& exception) {
         call.asked = call.asked || exception.errCode() != kInvalidParameter;
-    } catch (const std::exception&) {
+    } catch (...) {
         call.asked = true;
     }
     return std::nullopt;
@@ -96,8 +95,8 @@ void logUselessGrant(const Failure& failure) {
     logWarning("The account service's grant is of no use. " + failure.text);
 }
 
-std::optional<std::string> codeByGrant(const Settings& settings, Call& call) {
-    const std::string state = randomText();
+std::optional<std::string> codeByGrant(const Settings& settings, Call& call,
+                                       const std::string& state) {
     const std::optional<std::string> grant =
         askForGrant(authorizationUrl(settings, state, ""), call);
     call.check();
@@ -122,12 +121,13 @@ bool isFinal(const Failure& failure) {
 // Tokens by the grant; nothing when the web login should be tried.
 std::optional<TokenReply> signInByGrant(const Settings& settings, Call& call,
                                         TokenEndpoint& endpoint) {
-    const std::optional<std::string> code = codeByGrant(settings, call);
+    const std::string state = randomText();
+    const std::optional<std::string> code = codeByGrant(settings, call, state);
     if (!code || code->empty()) {
         return std::nullopt;
     }
     try {
-        TokenReply reply = endpoint.exchange(*code, "");
+        TokenReply reply = endpoint.exchange(*code, "", state);
         if (!reply.failure || isFinal(*reply.failure)) {
             return reply;
         }
@@ -178,7 +178,8 @@ class WebLogin {
             }
             target = followUntilCallback(logIn(challenge, call));
         }
-        return endpoint.exchange(codeOfCallback(target, settings, state, verifier), verifier);
+        return endpoint.exchange(codeOfCallback(target, settings, state, verifier), verifier,
+                                 state);
     }
 
   private:
@@ -191,7 +192,7 @@ class WebLogin {
                                                     std::to_string(reply.status) +
                                                     " where the login needs a redirect");
             failure.retryAfter = reply.retryAfter;
-            throw Failure(failure);
+            throw std::move(failure);
         }
         return reply.redirect;
     }

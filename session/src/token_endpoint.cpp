@@ -13,7 +13,7 @@
 namespace ORBA::OAuth2Session {
 namespace {
 
-constexpr double kTenYears = 10 * 365.25 * 24 * 3600;
+constexpr double kTenYears = 10.0 * 365 * 24 * 3600;
 
 std::string textMember(const Json::Value& object, const char* name) {
     const Json::Value& value = object[name];
@@ -125,7 +125,8 @@ void checkStatus(const Reply& reply, const std::string& url, const std::vector<s
     throw std::move(failure);
 }
 
-TokenReply TokenEndpoint::exchange(const std::string& code, const std::string& verifier) {
+TokenReply TokenEndpoint::exchange(const std::string& code, const std::string& verifier,
+                                   const std::string& state) {
     Parameters form = {{"grant_type", "authorization_code"},
                        {"code", code},
                        {"client_id", settings.clientId},
@@ -133,7 +134,7 @@ TokenReply TokenEndpoint::exchange(const std::string& code, const std::string& v
     if (!verifier.empty()) {
         form.emplace_back("code_verifier", verifier);
     }
-    return request(form, {code, verifier}, false);
+    return request(form, {code, verifier, state}, false);
 }
 
 TokenReply TokenEndpoint::refresh(const std::string& refreshToken) {
@@ -149,7 +150,7 @@ void TokenEndpoint::revoke(const std::string& token, const char* kind) {
     const Reply reply = transfer.post(settings.revocationEndpoint, formEncode(form));
     checkStatus(reply, settings.revocationEndpoint, {token});
     if (reply.status / 100 != 2) {
-        throw Failure(failureOfStatus(reply.status, settings.revocationEndpoint));
+        throw failureOfStatus(reply.status, settings.revocationEndpoint);
     }
 }
 

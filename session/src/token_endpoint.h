@@ -46,8 +46,9 @@ class TokenEndpoint {
     TokenEndpoint(const Settings& theSettings, Transfer& theTransfer)
         : settings(theSettings), transfer(theTransfer) {}
 
-    // A code of the account service's grant has no verifier.
-    TokenReply exchange(const std::string& code, const std::string& verifier);
+    // A code of the account service's grant has no verifier. The state belongs to the code.
+    TokenReply exchange(const std::string& code, const std::string& verifier,
+                        const std::string& state);
     TokenReply refresh(const std::string& refreshToken);
     // Throws when the server does not confirm it.
     void revoke(const std::string& token, const char* kind);

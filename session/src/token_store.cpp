@@ -40,6 +40,16 @@ auto again(const SystemCall& call) {
     return result;
 }
 
+// Nothing but a file of ours is followed or waited for. A mode that keeps its owner out is put
+// right.
+int openAt(int folder, const char* name, int flags, mode_t mode) {
+    const auto tryIt = [&] {
+        return again([&] { return openat(folder, name, flags | kOpenFlags, mode); });
+    };
+    const int file = tryIt();
+    return file < 0 && errno == EACCES && fchmodat(folder, name, mode, 0) == 0 ? tryIt() : file;
+}
+
 bool isOurs(const struct stat& status, mode_t type) {
     return (status.st_mode & S_IFMT) == type && status.st_uid == geteuid();
 }
@@ -192,8 +202,7 @@ void Descriptor::reset() {
 bool FileLock::tryIn(int folder, const char* name) {
     HeldLocks& locks = HeldLocks::get();
     const std::lock_guard guard(locks.mutex);  // no fork between opening and adding
-    Descriptor file(
-        again([&] { return openat(folder, name, O_RDWR | O_CREAT | kOpenFlags, kFileMode); }));
+    Descriptor file(openAt(folder, name, O_RDWR | O_CREAT, kFileMode));
     struct stat opened {};
     struct stat present {};
     if (!file.isOpen() || fstat(file.get(), &opened) != 0) {
@@ -260,8 +269,7 @@ TokenStore::~TokenStore() {
 }
 
 TokenFile TokenStore::read() const {
-    const Descriptor file(
-        again([&] { return openat(folder.get(), name.c_str(), O_RDONLY | kOpenFlags); }));
+    const Descriptor file(openAt(folder.get(), name.c_str(), O_RDONLY, kFileMode));
     if (!file.isOpen()) {
         if (errno == ENOENT) {
             return {};
@@ -278,16 +286,18 @@ TokenFile TokenStore::read() const {
 }
 
 bool TokenStore::openWorkFolder(bool create) {
-    if (create && mkdirat(folder.get(), workName.c_str(), kFolderMode) != 0 && errno != EEXIST) {
-        failOnFile("Cannot make the folder " + path + ".work", errno);
-    }
-    work = Descriptor(again([&] {
-        return openat(folder.get(), workName.c_str(), O_RDONLY | O_DIRECTORY | kOpenFlags);
-    }));
-    if (!work.isOpen()) {
-        if (errno == ENOENT) {
+    const int flags = O_RDONLY | O_DIRECTORY;
+    work = Descriptor(openAt(folder.get(), workName.c_str(), flags, kFolderMode));
+    if (!work.isOpen() && errno == ENOENT) {
+        if (!create) {
             return false;
         }
+        if (mkdirat(folder.get(), workName.c_str(), kFolderMode) != 0 && errno != EEXIST) {
+            failOnFile("Cannot make the folder " + path + ".work", errno);
+        }
+        work = Descriptor(openAt(folder.get(), workName.c_str(), flags, kFolderMode));
+    }
+    if (!work.isOpen()) {
         failOnFile("Cannot open the folder " + path + ".work", errno);
     }
     if (!isOurs(statusOf(work.get(), workName), S_IFDIR)) {
@@ -324,8 +334,7 @@ void TokenStore::lock(const Call& call) {
 
 Descriptor TokenStore::openInWorkFolder(const char* file, int flags) const {
     const std::string what = path + ".work/" + file;
-    Descriptor opened(
-        again([&] { return openat(work.get(), file, flags | kOpenFlags, kFileMode); }));
+    Descriptor opened(openAt(work.get(), file, flags, kFileMode));
     if (!opened.isOpen()) {
         if (errno == ENOENT) {
             return opened;
@@ -354,6 +363,9 @@ void TokenStore::recover(const std::string& digest) {
 }
 
 void TokenStore::reserve() {
+    if (faccessat(folder.get(), ".", W_OK | X_OK, AT_EACCESS) != 0) {
+        failOnFile("Cannot write to the folder of " + path, errno);
+    }
     dropReserve();
     reserved = openInWorkFolder(kReserve, O_RDWR | O_CREAT | O_EXCL);
     if (!reserved.isOpen()) {
@@ -439,12 +451,15 @@ std::string toFileContent(const Tokens& tokens, const std::string& digest) {
     set("scope", tokens.scope);
     set("id_token", tokens.idToken);
     set("session", digest);
-    if (tokens.lifetime) {
-        object["expires_in"] = static_cast<double>(tokens.lifetime->count()) / 1000;
-    }
-    if (tokens.expiresAt) {
-        object["expires_at"] = static_cast<double>(tokens.expiresAt->count()) / 1000;
-    }
+    const auto setSeconds = [&](const char* member, std::optional<milliseconds> time) {
+        if (time && *time % 1000 == milliseconds(0)) {
+            object[member] = Json::Int64{time->count() / 1000};
+        } else if (time) {
+            object[member] = static_cast<double>(time->count()) / 1000;
+        }
+    };
+    setSeconds("expires_in", tokens.lifetime);
+    setSeconds("expires_at", tokens.expiresAt);
     Json::StreamWriterBuilder builder;
     builder["indentation"] = "";
     builder["emitUTF8"] = true;
