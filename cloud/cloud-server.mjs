@@ -96,6 +96,7 @@ function describe(issuer, port) {
         accountService: `${ACCOUNT_HOST}:${port}`,
         authorizationEndpoint: `${issuer}/auth`,
         tokenEndpoint: `${issuer}/token`,
+        revocationEndpoint: `${issuer}/token/revocation`,
         clientId: WEB_CLIENT.client_id,
         redirectUris: WEB_CLIENT.redirect_uris,
         nativeClientId: NATIVE_CLIENT.client_id,

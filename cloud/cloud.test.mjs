@@ -423,6 +423,13 @@ describe('cloud', () => {
             assert.equal((await send(`${cloud.issuer}/me`, {headers})).status, 401);
         });
 
+        test('refuses a revoked refresh token', async () => {
+            const {json: {refresh_token: token}} = await device.exchange(await device.signIn());
+            const form = {token, client_id: device.client.clientId};
+            assert.equal((await send(cloud.revocationEndpoint, {form})).status, 200);
+            assertRefused(await device.refresh(token));
+        });
+
         test('refuses a rotated refresh token and revokes its successor', async () => {
             const {json: first} = await device.exchange(await device.signIn());
             const {json: second} = await device.refresh(first.refresh_token);

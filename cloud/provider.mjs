@@ -43,7 +43,11 @@ export function createProvider(issuer, settings) {
         clockTolerance: 0,
         cookies: {keys: [randomBytes(32).toString('base64url')]},
         expiresWithSession: () => false,
-        features: {devInteractions: {enabled: false}, rpInitiatedLogout: {enabled: false}},
+        features: {
+            devInteractions: {enabled: false},
+            revocation: {enabled: true},
+            rpInitiatedLogout: {enabled: false},
+        },
         findAccount: (ctx, id) => ({accountId: id, claims: () => ({sub: id})}),
         interactions: {
             url: (ctx, {uid, prompt}) => `${issuer}/${prompt.name}?${prompt.name}_challenge=${uid}`,

@@ -1,8 +1,10 @@
-# What `cmake --install` writes, in four components:
-#   runtime           the library as programs load it
-#   development       headers, link, CMake package, pkg-config file
-#   host              the host edition's libraries (with ORBA_PLATFORM=host)
-#   host-development  their headers and links
+# What `cmake --install` writes, in components:
+#   runtime              the library as programs load it
+#   development          headers, link, CMake package, pkg-config file
+#   session, session-development   the same of liborbaoauth2session (with ORBA_BUILD_SESSION)
+#   tools                orba-token and its manual page
+#   host                 the host edition's libraries (with ORBA_PLATFORM=host)
+#   host-development     their headers and links
 # All of it is relocatable: paths are relative to the file that holds them.
 include(CMakePackageConfigHelpers)
 
@@ -53,14 +55,60 @@ install(
     DESTINATION "${orba_cmake_dir}"
     COMPONENT development)
 
-# The pkg-config file names folders as seen from its own.
+# The pkg-config files name folders as seen from their own.
 set(orba_pkgconfig_folder "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${orba_pkgconfig_folder}"
            OUTPUT_VARIABLE ORBA_PC_PREFIX)
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_INCLUDEDIR BASE_DIRECTORY "${orba_pkgconfig_folder}"
            OUTPUT_VARIABLE ORBA_PC_INCLUDEDIR)
-configure_file("${CMAKE_CURRENT_LIST_DIR}/${PROJECT_NAME}.pc.in" "${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc" @ONLY)
-install(
-    FILES "${PROJECT_BINARY_DIR}/${PROJECT_NAME}.pc"
-    DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
-    COMPONENT development)
+function(orba_pkgconfig name component description requires)
+    configure_file("${CMAKE_CURRENT_FUNCTION_LIST_DIR}/orba.pc.in" "${PROJECT_BINARY_DIR}/${name}.pc" @ONLY)
+    install(
+        FILES "${PROJECT_BINARY_DIR}/${name}.pc"
+        DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
+        COMPONENT ${component})
+endfunction()
+# libcurl and libcrypto are no requirements of those who link: no header names them, and there is no
+# static library.
+orba_pkgconfig(orbaoauth2client development "${PROJECT_DESCRIPTION}" jsoncpp)
+
+if(ORBA_BUILD_SESSION)
+    install(
+        TARGETS orbaoauth2session
+        EXPORT orbaoauth2session-targets
+        LIBRARY COMPONENT session NAMELINK_COMPONENT session-development)
+    install(
+        DIRECTORY "${PROJECT_SOURCE_DIR}/session/include/"
+        TYPE INCLUDE
+        COMPONENT session-development
+        FILES_MATCHING
+        PATTERN "*.h")
+    # find_package(orbaoauth2client COMPONENTS session) includes this file.
+    export(EXPORT orbaoauth2session-targets NAMESPACE ${PROJECT_NAME}::
+           FILE "${PROJECT_BINARY_DIR}/${PROJECT_NAME}-session-targets.cmake")
+    install(
+        EXPORT orbaoauth2session-targets
+        NAMESPACE ${PROJECT_NAME}::
+        FILE ${PROJECT_NAME}-session-targets.cmake
+        DESTINATION "${orba_cmake_dir}"
+        COMPONENT session-development)
+    orba_pkgconfig(orbaoauth2session session-development "Keeps a service of the device signed in"
+                   "orbaoauth2client = ${PROJECT_VERSION}")
+endif()
+if(TARGET orba-token)
+    cmake_path(RELATIVE_PATH CMAKE_INSTALL_FULL_LIBDIR BASE_DIRECTORY "${CMAKE_INSTALL_FULL_BINDIR}"
+               OUTPUT_VARIABLE orba_token_libraries)
+    set_target_properties(orba-token PROPERTIES INSTALL_RPATH "$ORIGIN/${orba_token_libraries}")
+    install(TARGETS orba-token RUNTIME COMPONENT tools)
+    set(orba_manual "${PROJECT_SOURCE_DIR}/tools/orba-token.1")
+    if(ORBA_PACKAGES) # Debian's are compressed
+        find_program(ORBA_GZIP gzip REQUIRED)
+        execute_process(COMMAND "${ORBA_GZIP}" -9nc "${orba_manual}" OUTPUT_FILE "${PROJECT_BINARY_DIR}/orba-token.1.gz"
+                                COMMAND_ERROR_IS_FATAL ANY)
+        set(orba_manual "${PROJECT_BINARY_DIR}/orba-token.1.gz")
+    endif()
+    install(
+        FILES "${orba_manual}"
+        DESTINATION "${CMAKE_INSTALL_MANDIR}/man1"
+        COMPONENT tools)
+endif()

@@ -18,7 +18,7 @@ set(CPACK_PACKAGE_DIRECTORY "${PROJECT_BINARY_DIR}/packages")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own
 set(CPACK_PACKAGE_CONTACT "The liborbaoauth2client maintainers <maintainers@liborbaoauth2client.example.org>")
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL runtime development host host-development)
+set(CPACK_COMPONENTS_ALL runtime development session session-development tools host host-development)
 set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -26,12 +26,14 @@ set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY ">=")
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/platform/host")
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/platform/host"
+    "${PROJECT_BINARY_DIR}/src" "${PROJECT_BINARY_DIR}/session")
 
 # dpkg's trigger runs ldconfig, as Debian wants it. cpack would add scripts that call it once more,
 # unless there are some of these names; names without a file keep all scripts out.
 set(orba_ldconfig_trigger "${orba_debian_files}/triggers" no-script/postinst no-script/postrm)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
+set(CPACK_DEBIAN_SESSION_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
 set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
 
 # One package: its component, name, section, what it depends on besides shared libraries, description.
@@ -65,6 +67,24 @@ orba_debian_package(
     "OAuth2 sign-in of network-attached storage devices (development files)"
     "Headers, CMake package and pkg-config file for services that sign in a
 network-attached storage device with liborbaoauth2client.")
+orba_debian_package(
+    session liborbaoauth2session${PROJECT_VERSION_MAJOR} libs
+    "liborbaoauth2client${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), ca-certificates"
+    "keeps services of network-attached storage devices signed in"
+    "Services of a network-attached storage device get an access token that is
+good for a while from this library in one call. It signs in, refreshes and
+shares the tokens among threads and processes.")
+orba_debian_package(
+    session-development liborbaoauth2session-dev libdevel
+    "liborbaoauth2session${PROJECT_VERSION_MAJOR} (= ${PROJECT_VERSION}), liborbaoauth2client-dev (= ${PROJECT_VERSION})"
+    "keeps services of storage devices signed in (development files)"
+    "Headers, CMake files and pkg-config file for services that stay signed in
+with liborbaoauth2session.")
+orba_debian_package(
+    tools orba-token utils "liborbaoauth2session${PROJECT_VERSION_MAJOR} (>= ${PROJECT_VERSION})"
+    "prints access tokens of a network-attached storage device"
+    "The command orba-token gives shell scripts and services that are not written
+in C++ an access token of the device that is good for a while.")
 orba_debian_package(
     host orba-host-platform libs "ca-certificates"
     "libraries of a network-attached storage device, for any machine"

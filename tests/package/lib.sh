@@ -37,8 +37,16 @@ expect_output() {
     local name=$1 output
     shift
     output=$("$@" 2>&1) || fail "$name: $* ended with status $?: $output"
-    diff -u "$here/consumer/expected.txt" - <<<"$output" || fail "$name: other output than expected"
+    diff -u "$here/consumer/${*##*/}.txt" - <<<"$output" || fail "$name: other output than expected"
     echo "ok   $name"
+}
+
+# expect_outputs NAME FOLDER: the same of all programs that a consumer's build has made.
+expect_outputs() {
+    local program
+    for program in consumer session17 session20; do
+        expect_output "$1, $program" "$2/$program"
+    done
 }
 
 # cmake_consumer NAME CMAKE-ARGUMENT...: builds the consumer in the folder NAME with find_package().
@@ -51,10 +59,17 @@ cmake_consumer() {
 
 # pkg_config_consumer NAME COMPILER FOLDER-OF-THE-PC-FILE [FLAG...]: the same with pkg-config.
 pkg_config_consumer() {
-    local name=$1 compiler=$2 flags
+    local name=$1 compiler=$2 client session warnings=(-Wall -Wextra -Wpedantic -Werror)
     local -x PKG_CONFIG_PATH=$3
     shift 3
-    flags=$(pkg-config --cflags --libs orbaoauth2client) || fail "$name: pkg-config"
-    read -ra flags <<<"$flags"
-    quietly "$compiler" -std=c++17 "$here/consumer/consumer.cpp" -o "$name" "${flags[@]}" "$@"
+    client=$(pkg-config --cflags --libs orbaoauth2client) || fail "$name: pkg-config"
+    session=$(pkg-config --cflags --libs orbaoauth2session) || fail "$name: pkg-config"
+    read -ra client <<<"$client"
+    read -ra session <<<"$session"
+    mkdir "$name"
+    quietly "$compiler" -std=c++17 "$here/consumer/consumer.cpp" -o "$name/consumer" "${client[@]}" "$@"
+    for standard in 17 20; do
+        quietly "$compiler" "-std=c++$standard" "${warnings[@]}" "$here/consumer/session.cpp" \
+            -o "$name/session$standard" "${session[@]}" "$@"
+    done
 }
