@@ -1,7 +1,12 @@
 #include "encoding.h"
 
+#include <json/reader.h>
+#include <json/writer.h>
+
 #include <cctype>
 #include <cstddef>
+#include <memory>
+#include <sstream>
 
 namespace ORBA::OAuth2Session {
 namespace {
@@ -70,6 +75,41 @@ std::optional<std::string> queryParameter(const std::string& url, const std::str
         begin = end;
     }
     return std::nullopt;
+}
+
+std::optional<Json::Value> parseObject(const std::string& text) {
+    Json::CharReaderBuilder builder;
+    Json::CharReaderBuilder::strictMode(&builder.settings_);
+    builder.settings_["rejectDupKeys"] = false;
+    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+    Json::Value value;
+    try {
+        if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr) &&
+            value.isObject()) {
+            return value;
+        }
+    } catch (const Json::Exception&) {  // nested too deeply
+        return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+std::string textMember(const Json::Value& object, const char* name) {
+    const Json::Value& value = object[name];
+    return value.isString() ? value.asString() : "";
+}
+
+std::string toLine(const Json::Value& object) {
+    Json::StreamWriterBuilder builder;
+    builder["indentation"] = "";
+    builder["emitUTF8"] = true;
+    builder["precision"] = 3;
+    builder["precisionType"] = "decimal";
+    const std::unique_ptr<Json::StreamWriter> writer(builder.newStreamWriter());
+    std::ostringstream line;
+    line.exceptions(std::ios::badbit | std::ios::failbit);  // a stream hides std::bad_alloc
+    writer->write(object, &line);
+    return line.str();
 }
 
 }  // namespace ORBA::OAuth2Session

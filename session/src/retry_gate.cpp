@@ -1,13 +1,12 @@
 #include "retry_gate.h"
 
 #include <json/value.h>
-#include <json/writer.h>
 
 #include <algorithm>
 #include <cmath>
 
+#include "encoding.h"
 #include "secrets.h"
-#include "token_endpoint.h"
 
 namespace ORBA::OAuth2Session {
 namespace {
@@ -40,11 +39,6 @@ Json::Int64 number(const Json::Value& object, const char* name) {
     return value.isInt64() ? value.asInt64() : 0;
 }
 
-std::string member(const Json::Value& object, const char* name) {
-    const Json::Value& value = object[name];
-    return value.isString() ? value.asString() : "";
-}
-
 int count(const Json::Value& object, const char* name) {
     return static_cast<int>(std::clamp<Json::Int64>(number(object, name), 0, kMaxCount));
 }
@@ -52,7 +46,7 @@ int count(const Json::Value& object, const char* name) {
 Failure readFailure(const Json::Value& object) {
     const auto remedy = std::clamp<Json::Int64>(number(object, "remedy"), 0, 4);
     return Failure{static_cast<int>(number(object, "code")), static_cast<Remedy>(remedy),
-                   member(object, "text"), member(object, "error")};
+                   textMember(object, "text"), textMember(object, "error")};
 }
 
 }  // namespace
@@ -72,9 +66,7 @@ std::string RetryGate::text() const {
         record["text"] = failure->text.substr(0, kMaxText);
         record["error"] = failure->serverError;
     }
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    const std::string line = Json::writeString(builder, record);
+    const std::string line = toLine(record);
     return digestOf({line}) + " " + line + "\n";
 }
 
@@ -84,7 +76,7 @@ void RetryGate::load(const std::string& text, milliseconds now) {
     const std::string line = blank < end ? text.substr(blank + 1, end - blank - 1) : "";
     const std::optional<Json::Value> record = parseObject(line);
     if (!record || text.substr(0, blank) != digestOf({line}) ||
-        member(*record, "session") != digest) {
+        textMember(*record, "session") != digest) {
         return;
     }
     failures = count(*record, "failures");
@@ -95,7 +87,8 @@ void RetryGate::load(const std::string& text, milliseconds now) {
     failure = readFailure(*record);
     length = std::clamp(milliseconds(number(*record, "length")), milliseconds(0), kLongest);
     deadline = now + length;
-    if (member(*record, "boot") == bootId) {
+    const std::string boot = textMember(*record, "boot");
+    if (boot == bootId || boot.empty() || bootId.empty()) {
         deadline = std::min(deadline, milliseconds(number(*record, "deadline")));
     }
 }

@@ -358,8 +358,11 @@ std::optional<AccessToken> Session::Impl::renew(Flight& flight, Call& call) {
     if (std::optional<AccessToken> token = inFile(errand)) {
         return token;
     }
+    if (errand.early && errand.tokens.refreshToken.empty()) {
+        postponeEarly(nanoseconds::max());
+    }
     if (errand.early && bootTime() < atHand->early) {
-        return std::nullopt;  // it was about unstored tokens only
+        return std::nullopt;  // at most, unstored tokens had to be stored
     }
     flight.asked = true;
     return throughGate(errand);
@@ -465,10 +468,6 @@ std::optional<AccessToken> Session::Impl::ask(Errand& errand) {
             return std::nullopt;
         }
         errand.store.reserve();
-    }
-    if (errand.early) {
-        postponeEarly(nanoseconds::max());
-        return std::nullopt;
     }
     TokenReply reply = signIn(settings, errand.call, transfer);
     return finish(errand, reply, false);

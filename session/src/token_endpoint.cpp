@@ -1,12 +1,10 @@
 #include "token_endpoint.h"
 
-#include <json/reader.h>
 #include <strings.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <memory>
 #include <utility>
 #include <vector>
 
@@ -14,11 +12,6 @@ namespace ORBA::OAuth2Session {
 namespace {
 
 constexpr double kTenYears = 10.0 * 365 * 24 * 3600;
-
-std::string textMember(const Json::Value& object, const char* name) {
-    const Json::Value& value = object[name];
-    return value.isString() ? value.asString() : "";
-}
 
 bool isAccessToken(const std::string& text) {
     return !text.empty() &&
@@ -81,23 +74,6 @@ TokenReply judgeRefusal(const Reply& reply, const std::string& url,
 }
 
 }  // namespace
-
-std::optional<Json::Value> parseObject(const std::string& text) {
-    Json::CharReaderBuilder builder;
-    Json::CharReaderBuilder::strictMode(&builder.settings_);
-    builder.settings_["rejectDupKeys"] = false;
-    const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-    Json::Value value;
-    try {
-        if (reader->parse(text.data(), text.data() + text.size(), &value, nullptr) &&
-            value.isObject()) {
-            return value;
-        }
-    } catch (const Json::Exception&) {  // nested too deeply
-        return std::nullopt;
-    }
-    return std::nullopt;
-}
 
 Tokens readTokens(const Json::Value& object) {
     Tokens tokens;

@@ -32,9 +32,6 @@ struct TokenReply {
     bool refused = false;            // ... because the refresh token is no longer good
 };
 
-// Nothing unless the whole text is one JSON object.
-std::optional<Json::Value> parseObject(const std::string& text);
-
 // The members of a reply or a token file, each empty unless it obeys RFC 6749.
 Tokens readTokens(const Json::Value& object);
 

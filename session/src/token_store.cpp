@@ -1,7 +1,6 @@
 #include "token_store.h"
 
 #include <fcntl.h>
-#include <json/writer.h>
 #include <pthread.h>
 #include <sys/file.h>
 #include <unistd.h>
@@ -332,9 +331,12 @@ void TokenStore::lock(const Call& call) {
     call.check();
 }
 
-Descriptor TokenStore::openInWorkFolder(const char* file, int flags) const {
+Descriptor TokenStore::openInWorkFolder(const char* file, int flags) {
     const std::string what = path + ".work/" + file;
     Descriptor opened(openAt(work.get(), file, flags, kFileMode));
+    if (!opened.isOpen() && errno == ENOENT && (flags & O_CREAT) != 0 && openWorkFolder(true)) {
+        opened = Descriptor(openAt(work.get(), file, flags, kFileMode));  // somebody had removed it
+    }
     if (!opened.isOpen()) {
         if (errno == ENOENT) {
             return opened;
@@ -460,12 +462,7 @@ std::string toFileContent(const Tokens& tokens, const std::string& digest) {
     };
     setSeconds("expires_in", tokens.lifetime);
     setSeconds("expires_at", tokens.expiresAt);
-    Json::StreamWriterBuilder builder;
-    builder["indentation"] = "";
-    builder["emitUTF8"] = true;
-    builder["precision"] = 3;
-    builder["precisionType"] = "decimal";
-    return Json::writeString(builder, object) + "\n";
+    return toLine(object) + "\n";
 }
 
 Tokens fromFileContent(const std::string& content, const std::string& digest) {

@@ -90,7 +90,7 @@ class TokenStore {
 
   private:
     bool openWorkFolder(bool create);
-    Descriptor openInWorkFolder(const char* name, int flags) const;
+    Descriptor openInWorkFolder(const char* name, int flags);
     void putInPlace(int file, std::size_t length);
 
     std::string path;

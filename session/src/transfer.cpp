@@ -175,12 +175,11 @@ void Transfer::setCommonOptions(CURL* easy, const std::string& url, Receiver& re
 Reply Transfer::get(const std::string& url) {
     if (browser == nullptr) {
         browser = makeHandle();
+        SET_OPTION(browser.get(), CURLOPT_COOKIEFILE, "");  // in memory
     }
     const nanoseconds limit = limitOfRequest();
     Receiver receiver;
-    curl_easy_reset(browser.get());  // keeps the cookies
     setCommonOptions(browser.get(), url, receiver, limit);
-    SET_OPTION(browser.get(), CURLOPT_COOKIEFILE, "");
     return perform(browser.get(), url, receiver, limit);
 }
 
