@@ -1,4 +1,4 @@
-// Starts the loopback cloud: both services behind one HTTPS port, told apart by name.
+// Starts the test cloud: both services at one HTTPS port, with two host names.
 import {once} from 'node:events';
 import {readFileSync} from 'node:fs';
 import {createServer} from 'node:https';

@@ -1,5 +1,5 @@
 #!/usr/bin/env node
-// The loopback cloud as a command: see README.md.
+// The test cloud as a command: see README.md.
 import {renameSync, rmSync, writeFileSync} from 'node:fs';
 import {parseArgs} from 'node:util';
 

@@ -36,7 +36,7 @@ makeCertificates();
 const ca = readFileSync(files.ca);
 after(() => rmSync(folder, {recursive: true}));
 
-// A browser's memory for cookies: name and path tell them apart, as they do for browsers.
+// A browser's cookies, which name and path identify.
 class Jar {
     #cookies = new Map();
 

@@ -42,7 +42,7 @@ function record(ctx, failure) {
     };
 }
 
-// Middleware, outermost. The record stands before the answer's first byte leaves, so a test that
+// Middleware, outermost. The record is complete before the first byte of the reply is sent, so a test that
 // has its answer finds it.
 export function requestLog(requests, print, issuer) {
     return async (ctx, next) => {

@@ -35,7 +35,7 @@ if(ORBA_PLATFORM STREQUAL "host")
         PATTERN "*.h")
 endif()
 
-# The package files stand in the build folder, too: find_package() takes either folder.
+# The package files are in the build folder, too: find_package() accepts either folder.
 configure_package_config_file(
     "${CMAKE_CURRENT_LIST_DIR}/${PROJECT_NAME}-config.cmake.in" "${PROJECT_BINARY_DIR}/${PROJECT_NAME}-config.cmake"
     INSTALL_DESTINATION "${orba_cmake_dir}"

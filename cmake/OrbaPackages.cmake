@@ -36,7 +36,7 @@ set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
 set(CPACK_DEBIAN_SESSION_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
 set(CPACK_DEBIAN_HOST_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
 
-# One package: its component, name, section, what it depends on besides shared libraries, description.
+# One package: its component, name, section, its dependencies other than shared libraries, description.
 function(orba_debian_package component name section depends summary text)
     string(TOUPPER "${component}" id)
     set(prefix CPACK_DEBIAN_${id}_PACKAGE)

@@ -1,6 +1,5 @@
-// The commands of the documents do what they are there for: every `sh` block is run, in the
-// checkout, as a reader would who copies it. Blocks that cannot be run anywhere (a journal, a
-// device) are marked `console`.
+// The commands of the documents work: every `sh` block is run in the checkout. Blocks that cannot be
+// run everywhere (a journal, a device) are marked `console`.
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
 import {existsSync} from 'node:fs';
@@ -10,7 +9,7 @@ import {test} from 'node:test';
 import {blocks, documents, root} from './markdown.mjs';
 
 const TIMEOUT = 120_000;
-// A `text` block that follows is what the commands print; "..." stands for anything.
+// A `text` block that follows is what the commands print; "..." matches anything.
 const run = documents.flatMap((path) => blocks(path).map((block, index, all) => ({
     ...block, path, printed: all[index + 1]?.language === 'text' ? all[index + 1].text : '',
 }))).filter(({language}) => language === 'sh');
@@ -18,7 +17,7 @@ const run = documents.flatMap((path) => blocks(path).map((block, index, all) => 
 const pattern = (printed) => new RegExp(
     printed.split('...').map((text) => text.replace(/[^\w\s]/g, '\\$&')).join('.*'));
 
-// Scripts that run this very test, or run for long, are run elsewhere: here they have to exist.
+// Scripts that run this very test, or run for long, are run elsewhere; here they must exist.
 function withoutLongOnes(text) {
     return text.split('\n').filter((line) => {
         const script = line.match(/^scripts\/(test|check|bench|fuzz|package)\b/)?.[0];
@@ -27,7 +26,7 @@ function withoutLongOnes(text) {
     }).join('\n');
 }
 
-// In a process group of its own, which is ended as a whole when it takes too long.
+// In its own process group, which is killed when it takes too long.
 function bash(text) {
     return new Promise((resolve) => {
         const shell = spawn('bash', ['-euo', 'pipefail', '-c', text], {

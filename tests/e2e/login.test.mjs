@@ -1,4 +1,4 @@
-// Both login flows, the exchange and the refresh against the loopback cloud. Runs inside
+// Both login flows, the exchange and the refresh against the test cloud. Runs inside
 // scripts/sandbox, with the programs named in ORBA_PROBE and ORBA_STEP_BY_STEP.
 import assert from 'node:assert/strict';
 import {execFile} from 'node:child_process';
@@ -139,7 +139,7 @@ e2e('web flow: login, exchange, refresh, and refresh again', async () => {
     ]);
 });
 
-e2e('web flow: the device tells its account, key, serial number and the challenge', async () => {
+e2e('web flow: the device sends its account, key, serial number and the challenge', async () => {
     withoutPkceToken();
     await signIn();
     const [authorization, login] = cloud.requests;
@@ -167,7 +167,7 @@ e2e('web flow: a consent step of its own', async () => {
     assert.equal(cloud.requests.filter(({method}) => method === 'GET').length, 4);
 });
 
-e2e('cookies: the login goes on only with those of the challenge', async () => {
+e2e('cookies: the login continues only with those of the challenge', async () => {
     const {url, cookies} = makeRequest();
     const {result: challenge} = await probe.challenge({url, cookies});
     const {result: reply} = await probe.loginIdp({url, cookies, challenge});

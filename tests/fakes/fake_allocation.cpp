@@ -1,4 +1,4 @@
-// operator new and delete, malloc, realloc and free. The linker is told to --wrap the last three,
+// operator new and delete, malloc, realloc and free. The linker wraps the last three (--wrap),
 // which reaches what is linked here. operator new and malloc itself reach jsoncpp and the C and C++
 // libraries, too.
 #include <dlfcn.h>

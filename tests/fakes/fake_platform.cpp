@@ -1,4 +1,4 @@
-// The device's platform libraries: they tell what world().device says.
+// The device's platform libraries, which return what world().device contains.
 #include <klib/klib.h>
 #include <orbatovra/orbatovra.h>
 #include <orbatovra/services.h>

@@ -1,5 +1,5 @@
 // Stand-ins for what the library calls: libcurl, syslog, nanosleep, the allocators and the
-// platform. They record every call in order and do what the test tells them; they decide nothing
+// platform. They record every call in order and do what the test says; they decide nothing
 // themselves.
 #ifndef ORBA_TESTS_FAKES_H
 #define ORBA_TESTS_FAKES_H
@@ -33,7 +33,7 @@ struct Transfer {
     std::string body = "{}";  // one piece, unless `pieces` are given; empty: no call at all
     std::vector<std::string> pieces = {};
     std::optional<std::string> redirectUrl = {};
-    std::size_t itemSize = 1;  // as the write callback is told; pieces are multiples of it
+    std::size_t itemSize = 1;  // passed to the write callback; pieces are multiples of it
 };
 
 // What the handle held when a transfer was made.
@@ -42,14 +42,14 @@ struct Request {
     std::vector<std::string> headers;
 };
 
-// The device, as the platform libraries tell of it.
+// The device, as the platform libraries describe it.
 struct Device {
     int userAgentResult = 0;
     std::string userAgent = "nas/1.0";
     unsigned int errorNumber = 0;
     int touchResult = 0;
     int serialResult = 0;
-    std::string serial = "SERIAL000042";  // as it stands in the buffer, without a NUL behind it
+    std::string serial = "SERIAL000042";  // as in the buffer, without a NUL
     int accountResult = 0;
     int configResult = 0;
     std::string accountId = "account-1";
@@ -65,7 +65,8 @@ struct Device {
     std::function<std::string()> grant = [] { return std::string("grant-code"); };
 };
 
-// While one lives, the code under test is at work: its allocations are counted, and fail on order.
+// While one lives, the code under test is at work: its allocations are counted, and can be made to
+// fail.
 class UnderTest {
   public:
     explicit UnderTest(bool atWork = true);
@@ -118,7 +119,7 @@ struct World {
     std::function<void(const std::string& name)> onCall;
     // Makes the n-th call of that name fail in its own way: null, non-zero, an exception.
     // Allocations are "operator new", "malloc" and, where the tests are built without sanitizers,
-    // "malloc of a library"; they stand among the calls only when they fail.
+    // "malloc of a library"; they are among the calls only if they fail.
     std::map<std::string, int> failAt;
     std::optional<std::size_t> failedCall;  // the index in `calls` of the one that failed so
 
@@ -145,7 +146,7 @@ void reset();
 // The names of what is held.
 std::vector<std::string> heldNames();
 
-// Gives back what the code under test has deliberately not given back.
+// Releases what the code under test leaks by its contract.
 void letGoOfWhatIsHeld();
 
 // The calls whose names begin with one of the prefixes, in order.

@@ -111,7 +111,7 @@ std::size_t collect(char* piece, std::size_t size, std::size_t count, void* body
     return size * count;
 }
 
-// What libcurl tells about up to three attempts.
+// What libcurl reports about up to three attempts.
 struct Answer {
     CURLcode result = CURLE_OK;
     long status = 0;

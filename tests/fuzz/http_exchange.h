@@ -24,7 +24,7 @@ using Request = std::function<void(Client&)>;
 // libcurl, asked directly, says about the same replies; that the same object then gets a proper
 // reply; and that nothing is left. `json` is where the request puts the reply, null for none.
 //
-// The replies stand apart by lines "--- next connection ---"; the last one is repeated.
+// The replies are separated by lines "--- next connection ---"; the last one is repeated.
 void checkRequest(const std::string& replies, Method method, const Request& request,
                   const Json::Value* json);
 

@@ -35,7 +35,8 @@ std::string strictlyDecoded(const std::string& value) {
             i += 2;
         }
         const bool unreserved = c != '\0' && std::strchr(kUnreserved, c) != nullptr;
-        fuzz::require(unreserved != escaped, "unreserved characters, and only they, stand plain");
+        fuzz::require(unreserved != escaped,
+                      "unreserved characters, and only they, are not escaped");
         out += c;
     }
     return out;
@@ -53,7 +54,7 @@ std::vector<std::string> splitAtAmpersands(const std::string& query) {
     return pieces;
 }
 
-// The names stand as they are, so the query can be taken apart only when none holds "&" or "=".
+// The names are not escaped, so the query can be taken apart only when none holds "&" or "=".
 bool separable(const Parameters& parameters) {
     for (const auto& parameter : parameters) {
         if (parameter.first.find_first_of("&=") != std::string::npos) {

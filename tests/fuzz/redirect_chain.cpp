@@ -1,6 +1,6 @@
 // A chain of answers into OAuth2::followRedirectUntilCallback(), against a model that walks it.
 // Input: the authorization URL, redirect_to, then the answers, one a line:
-//     STATUS[ REDIRECT-URL]    a response, as libcurl tells it; the last one is repeated
+//     STATUS[ REDIRECT-URL]    a response, as libcurl reports it; the last one is repeated
 //     !RESULT                  a transfer that fails with this libcurl result
 #include <cstdlib>
 #include <sstream>

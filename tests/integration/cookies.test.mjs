@@ -60,7 +60,7 @@ describe('A cookie', CONCURRENCY, () => {
         assert.deepEqual(cookiesIn(server.requests[1]), []);
     });
 
-    test('goes into the file at the end of the request', async (t) => {
+    test('is in the file at the end of the request', async (t) => {
         const server = await startServer(t, setting('a=1; Path=/; HttpOnly', 'b=2; Max-Age=900'));
         const device = startDevice(t);
         succeeded(await device.get(`${server.url}folder/page`));
@@ -129,7 +129,7 @@ describe('A cookie', CONCURRENCY, () => {
         const device = startDevice(t);
         for (const {url} of [secure, secure, plain]) succeeded(await device.get(url));
         assert.deepEqual(cookiesIn(secure.requests[1]), ['a=1; b=1']);
-        assert.deepEqual(cookiesIn(plain.requests[0]), ['b=1']); // a port does not tell hosts apart
+        assert.deepEqual(cookiesIn(plain.requests[0]), ['b=1']); // ports do not matter
     });
 
     test('that is Secure is refused from plain HTTP', async (t) =>

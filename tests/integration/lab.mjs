@@ -1,5 +1,5 @@
 // What the tests share: a device (the probe with a profile and a cookie file of its own), scripted
-// servers, replies, and how failures are told.
+// servers, replies, and failures.
 import assert from 'node:assert/strict';
 import {mkdtempSync, rmSync, writeFileSync} from 'node:fs';
 import {createServer} from 'node:net';
@@ -100,11 +100,11 @@ class Connection {
             this.#received += bytes;
             this.#notify();
         });
-        socket.on('error', () => {}); // a client that goes away is part of many tests
+        socket.on('error', () => {}); // many tests end the client
     }
 
     // What `find` takes from the bytes that are not taken yet, once it finds something. Never
-    // settles when the client goes away before.
+    // settles if the client ends before.
     async take(find) {
         for (;;) {
             const found = find(this.#received);
@@ -189,7 +189,7 @@ async function listenAt(hosts, createOne) {
 
 // A server on a free port. `script` says what is done with a connection: reply bytes, or a function
 // of the Connection; of a list, the n-th is for the n-th connection and the last for all others.
-// The server tells its `port`, its `url`, when (`arrivals`, in ms) and from which address
+// The server has its `port`, its `url`, when (`arrivals`, in ms) and from which address
 // (`peers`) connections came, and the `requests` that were taken.
 export async function startServer(t, script, {tls, hosts = ['127.0.0.1'], name} = {}) {
     const steps = [script].flat().map((s) => (typeof s === 'function' ? s : answer(s)));
@@ -251,7 +251,7 @@ export function transferFailure(code, curlResult) {
     return `[${TRANSFER_FAILURES[code]}]: curl return: ${curlResult}`;
 }
 
-// The cause that is told for a reply with a status that is a failure.
+// The cause that is reported for a reply with a status that is a failure.
 export function statusFailure(url, status) {
     if (status >= 300 && status < 400) {
         return `Failed to get curl redirection url. URL [${url}] replied http status code = ` +

@@ -131,7 +131,7 @@ describe('The way to the callback', CONCURRENCY, () => {
         assert.equal(succeeded(answered), CALLBACK);
     });
 
-    test('takes the callback for reached wherever it stands in a redirect', async (t) => {
+    test('takes the callback for reached wherever it is in a redirect', async (t) => {
         const {answered, server} = await follow(t, chain(1, `/next?to=${CALLBACK}&a=1`));
         assert.equal(succeeded(answered), `${server.url}next?to=${CALLBACK}&a=1`);
     });
@@ -200,7 +200,7 @@ describe('The web login', CONCURRENCY, () => {
         return {server, answered: await device.probe.login({url, cookies: device.cookies})};
     }
 
-    test('goes from the challenge over the account service to the callback', async (t) => {
+    test('leads from the challenge over the account service to the callback', async (t) => {
         const {answered, server} = await login(t, ({url}) =>
             json({code: 'success', redirect_to: `${url}continue`}));
         assert.equal(succeeded(answered), `${CALLBACK}?code=1`);

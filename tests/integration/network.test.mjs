@@ -32,7 +32,7 @@ function startNamedServer(t, script, hosts) {
 }
 
 describe('A transfer that fails three times', CONCURRENCY, () => {
-    test('is told alike by every kind of request', async (t) => {
+    test('is reported alike by every kind of request', async (t) => {
         const server = await startServer(t, drop);
         const device = startDevice(t);
         assertTransferFailed(await device.get(server.url), server.url, 26, 52);
@@ -115,7 +115,7 @@ describe('A transfer that fails three times', CONCURRENCY, () => {
         });
     }
 
-    test('for different causes is told by the last one', async (t) => {
+    test('for different causes is reported by the last one', async (t) => {
         const server = await startServer(t, [drop, reset(), 'rubbish\r\n\r\n']);
         assertTransferFailed(await startDevice(t).get(server.url), server.url, 26, 1);
         assert.equal(server.arrivals.length, 3);

@@ -107,7 +107,7 @@ describe('A redirect target', {concurrency: 8}, () => {
         ['that is absolute', 'https://auth.localhost/a?b=1', 'https://auth.localhost/a?b=1'],
         ['that is a path', '/a/b?c=1', '{server}/a/b?c=1'],
         ['that is relative to the page', 'd?e=1', '{server}/folder/d?e=1'],
-        ['that goes up a folder', '../up', '{server}/up'],
+        ['that leads up a folder', '../up', '{server}/up'],
         ['that has no scheme', '//auth.localhost/a', 'http://auth.localhost/a'],
         ['that is a query only', '?q=1', '{server}/folder/page?q=1'],
         ['with a fragment', '/a?b=1#part', '{server}/a?b=1#part'],
@@ -127,7 +127,7 @@ describe('A redirect target', {concurrency: 8}, () => {
         ['with blanks behind', '/a   ', '{server}/a'],
         ['that no URL can be', 'http://[::1', 'http://[::1'],
     ]) {
-        test(`${what} is told as libcurl resolves it`, async (t) => {
+        test(`${what} is returned as libcurl resolves it`, async (t) => {
             const headers = [`Location: ${Buffer.from(location).toString('latin1')}`];
             const server = await startServer(t, reply(302, {headers}));
             const answered = await startDevice(t).get(`${server.url}folder/page?q=0`);

@@ -74,7 +74,7 @@ describe('A request logs', () => {
         await assertLogged();
     });
 
-    test('a failed transfer once, and then as it tells it', async (t) => {
+    test('a failed transfer once, and then as the request wraps it', async (t) => {
         const server = await startServer(t, drop);
         const device = startDevice(t);
         await device.get(server.url);

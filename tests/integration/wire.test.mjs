@@ -170,7 +170,7 @@ describe('Headers', CONCURRENCY, () => {
         assert.deepEqual(sent.slice(1), [`User-Agent: ${USER_AGENT}`]);
     });
 
-    test('stand behind those of the transfer, and before the length', async (t) => {
+    test('follow those of the transfer, and precede the length', async (t) => {
         const [, sent] = await headersSent(t, {},
             {op: 'post', body: 'a=1', headers: {Authorization: 'Bearer t'}});
         assert.deepEqual(sent.slice(1), [`User-Agent: ${USER_AGENT}`, 'Accept: */*',

@@ -2,7 +2,7 @@
 //
 // usage: soak URL COOKIES REQUESTS
 //
-// URL is the server of soak.mjs, which tells in JSON what it has received.
+// URL is the server of soak.mjs, which replies in JSON what it has received.
 #include <json/json.h>
 #include <malloc.h>
 #include <syslog.h>
@@ -113,7 +113,7 @@ long residentBytes() {
             return kibibytes * 1024;
         }
     }
-    throw std::runtime_error("/proc/self/status tells no VmRSS");
+    throw std::runtime_error("no VmRSS in /proc/self/status");
 }
 
 Figures figures() {

@@ -1,6 +1,6 @@
 // Starts the server and a device profile for the soak program, and ends as it ends.
 //
-// usage: node soak.mjs SOAK-PROGRAM [REQUESTS]      100,000 unless told otherwise
+// usage: node soak.mjs SOAK-PROGRAM [REQUESTS]      default: 100,000
 import {spawn} from 'node:child_process';
 import {once} from 'node:events';
 import {mkdtempSync, rmSync, writeFileSync} from 'node:fs';
@@ -14,7 +14,7 @@ if (!program || !/^[1-9][0-9]*$/.test(requests)) {
     process.exit(1);
 }
 
-// Tells what it has received, or redirects.
+// Replies what it has received, or redirects.
 async function serve(request, response) {
     let body = '';
     for await (const piece of request) body += piece;

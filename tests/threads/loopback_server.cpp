@@ -28,7 +28,7 @@ std::string headerValue(const std::string& head, const std::string& name) {
     return head.substr(begin, head.find("\r\n", begin) - begin);
 }
 
-// Reads until `text` is as long as `size` tells; false when the client ends before.
+// Reads until `text` is as long as `size` says; false when the client ends before.
 template <class Size>
 bool readUntil(int connection, std::string& text, const Size& size) {
     char piece[4096];

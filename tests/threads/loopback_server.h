@@ -5,8 +5,8 @@
 #include <string>
 #include <thread>
 
-// Answers each request with a JSON object that tells it: "line" (the request line), "cookie" and
-// "body". Sets the cookie "seen" to the request's path.
+// Answers each request with a JSON object that describes it: "line" (the request line), "cookie"
+// and "body". Sets the cookie "seen" to the request's path.
 class LoopbackServer {
   public:
     LoopbackServer();  // throws std::system_error

@@ -23,7 +23,7 @@ using namespace ORBA::OAuth2Client;
 
 constexpr std::size_t kThreads = 8;
 
-// Runs `work` in all threads, as nearly at once as can be; each tells what went wrong.
+// Runs `work` in all threads, as nearly at once as can be; each reports what went wrong.
 void runInThreads(const std::function<std::string(std::size_t)>& work) {
     std::atomic<std::size_t> waiting{0};
     std::vector<std::string> wrong(kThreads);
@@ -104,7 +104,7 @@ class ThreadsWithServer : public ::testing::Test {
     LoopbackServer server;
 };
 
-// Whether the reply tells of this thread's request, with the cookie of its request before.
+// Whether the reply describes this thread's request, with the cookie of its request before.
 std::string tellsOf(const Json::Value& reply, const std::string& line, const std::string& cookie,
                     const std::string& body) {
     return differs(line, reply["line"].asString()) + differs(cookie, reply["cookie"].asString()) +

@@ -146,7 +146,7 @@ TYPED_TEST_SUITE(EachStringException, StringExceptions);
 
 const std::string kTextWithNul("ab\0cd", 5);
 
-// The text as it stands in the object: behind the table of virtual functions and the code.
+// The text in the object: after the table of virtual functions and the code.
 const std::string& storedText(const OAuth2ClientException& exception) {
     return *reinterpret_cast<const std::string*>(reinterpret_cast<const char*>(&exception) + 16);
 }

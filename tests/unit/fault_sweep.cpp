@@ -63,7 +63,7 @@ bool begins(const std::string& text, const std::string& prefix) {
     return text.rfind(prefix, 0) == 0;
 }
 
-// What stands between the parentheses, up to the first ", ".
+// The text between the parentheses, up to the first ", ".
 std::string firstArgument(const std::string& call) {
     const std::size_t begin = call.find('(') + 1;
     return call.substr(begin, std::min(call.find(", ", begin), call.size() - 1) - begin);
@@ -163,7 +163,7 @@ std::string replaced(std::string text, const std::string& from, const std::strin
     return found == std::string::npos ? text : text.replace(found, from.size(), to);
 }
 
-// A library without memory tells it in its own way, or does with what it has: jsoncpp throws its
+// A library without memory reports it in its own way, or does with what it has: jsoncpp throws its
 // own exception, and the C++ library throws ours from a reserve.
 Outcomes withoutLibraryMemory(const Operation& operation, const Fault& fault) {
     Outcomes possible = operation.withoutLibraryMemory;

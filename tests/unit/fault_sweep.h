@@ -21,7 +21,7 @@ std::string outcome(const std::string& type, int code, const std::string& text);
 
 // A fault, and the calls that the operation makes without one: up to the fault they are the same.
 struct Fault {
-    std::string call;      // as it stands among the calls; "operator new()" for an allocation
+    std::string call;      // as it is among the calls; "operator new()" for an allocation
     std::size_t position;  // how many calls came before
     const Calls& calls;    // without a fault
 
@@ -48,7 +48,7 @@ class FaultSweep : public FakesTest {
     void sweep(const Operation& operation);
 };
 
-// What the library makes of a failed call; nothing when it goes on as if it had not failed.
+// What the library makes of a failed call; nothing if it continues as if it had not failed.
 struct Inner {
     std::string type;
     int code;
@@ -91,7 +91,7 @@ std::optional<RequestSpan> requestAt(const Fault& fault);
 
 std::string requestFrame(const std::string& url);
 
-// The text of a redirect whose target libcurl does not tell.
+// The text of a redirect whose target libcurl does not return.
 std::string noTargetText(const std::string& url, long status, int result);
 
 // The outcomes of an operation that makes requests, at a fault inside one of them.

@@ -168,7 +168,7 @@ TEST_F(RequestFaults, Post) {
                  {2, "Failed to parse response, might be format problem."});
 }
 
-// Nothing is made and no call tells the steps from the wrapping, so each of its ends may come.
+// Nothing is made and no call separates the steps from the wrapping, so each of its ends may come.
 TEST_F(RequestFaults, EmptyUrl) {
     client.setURL("");
     const std::string frame = requestFrame("");

@@ -78,7 +78,7 @@ TEST_F(LogLines, TellTheLineOfTheirStatement) {
     }
 }
 
-// Options are set through one function; each tells of its own statement.
+// Options are set through one function; each logs the line of its own statement.
 TEST_F(LogLines, RefusedOptions_TellTheLinesOfTheirOwn) {
     HttpClient::HttpClient client("https://auth.test/", "/jar");
     world().optionFails[CURLOPT_URL] = CURLE_UNKNOWN_OPTION;

@@ -125,7 +125,7 @@ TEST_F(Fingerprint, NothingIsCached) {
     EXPECT_EQ(4U, world().calls.size());
 }
 
-// Any result but 0 is a failure, and the code is deliberately 1.
+// Any result but 0 is a failure with code 1; 10 is that of loginIDP only.
 TEST_F(Fingerprint, NoSerialNumber_IsCode1) {
     for (const int result : {-1, 1}) {
         world().device.serialResult = result;
