@@ -10,26 +10,29 @@
 /// |  9 | No random numbers are available. |
 /// | 34 | The settings are refused, or the Session was inherited by a forked child. |
 /// | 35 | Cancelled. |
-/// | 36 | A reply makes no sense. |
+/// | 36 | A malformed or incomplete reply. |
 /// | 37 | The server answered with an `error`; see SessionException::serverError(). |
 /// | 38 | The token file or its work folder cannot be used. |
-/// | 39 | Waited too long: the call's `timeout` is over. |
+/// | 39 | The call's `timeout` is over. |
 /// | 40 | The token is too new to be renewed; see Session::renew(). |
 ///
-/// The remedy follows from the first row that fits:
+/// The remedy is that of the first row that fits:
 ///
-/// | What | Remedy |
-/// |------|--------|
+/// | Cause | Remedy |
+/// |-------|--------|
 /// | settings (34) | fixSettings |
 /// | `server_error`, `temporarily_unavailable`, `slow_down` (37) | tryLater |
-/// | `access_denied`, `login_required`, `consent_required`, `interaction_required`,
-/// `account_selection_required` (37) | linkAccount | | `invalid_grant` of a fresh code (37) |
-/// tryLater | | any other `error` (37) | fixSettings | | HTTP status 408, 425, 429 (14), 5xx (15,
-/// 17), unexpected (16) | tryLater | | other HTTP status 4xx (14), no login challenge (4), no
-/// callback (5) | fixSettings | | no reply, a cut, slow or senseless one (2, 8, 21, 26, 27, 31, 32,
-/// 36), 39, 40 | tryLater | | no linked account (19), authentication key refused: the account was
-/// unlinked (22) | linkAccount | | 9, 10, 11, 18, 20, 23, 25, 33 (certificate, or a clock not yet
-/// set), 38, anything else | checkDevice | | cancelled (35) | cancelled |
+/// | `access_denied`, `login_required`, `consent_required` (37) | linkAccount |
+/// | `interaction_required`, `account_selection_required` (37) | linkAccount |
+/// | `invalid_grant` of a fresh code (37) | tryLater |
+/// | any other `error` (37) | fixSettings |
+/// | HTTP status 408, 425, 429 (14), 5xx (15, 17), unexpected (16) | tryLater |
+/// | other HTTP status 4xx (14), no login challenge (4), no callback (5) | fixSettings |
+/// | no reply, or a truncated, slow or malformed one (2, 8, 21, 26, 27, 31, 32, 36) | tryLater |
+/// | waited too long (39), token too new (40) | tryLater |
+/// | no linked account (19), or the account was unlinked (22) | linkAccount |
+/// | certificate refused or clock not set (33), files (38), anything else | checkDevice |
+/// | cancelled (35) | cancelled |
 #ifndef ORBAOAUTH2SESSION_ERRORS_H
 #define ORBAOAUTH2SESSION_ERRORS_H
 
@@ -54,13 +57,13 @@ enum class Remedy : int {
     cancelled     ///< Session::cancel() was called.
 };
 
-/// @brief The one exception of a Session, std::bad_alloc aside.
+/// @brief The only exception of a Session besides std::bad_alloc.
 ///
 /// No token, code, verifier, state, cookie or callback query is ever part of it; of URLs it names
 /// scheme and host only. It can be logged and shown.
 class ORBA_OAUTH2SESSION_API SessionException : public OAuth2Client::OAuth2ClientException {
   public:
-    /// @brief Keeps what it is given. Public, so that services can test how they handle failures.
+    /// @brief Stores its arguments. Public, so that services can test how they handle failures.
     /// @param errorCode The error code; it is not checked.
     /// @param text The text for what().
     /// @param remedy What to do.

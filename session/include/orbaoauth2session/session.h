@@ -12,7 +12,7 @@
 
 namespace ORBA::OAuth2Session {
 
-/// @brief What a Session needs to know. All members but `revocationEndpoint`, `margin` and
+/// @brief The settings of a Session. All members except `revocationEndpoint`, `margin` and
 /// `timeout` must be set. Values are plain text: the Session encodes what it sends.
 struct Settings {
     /// The server's authorization endpoint: https, without fragment. A query of its own is kept
@@ -22,32 +22,32 @@ struct Settings {
     std::string tokenEndpoint{};
     /// The service's identifier at the server.
     std::string clientId{};
-    /// The service's registered redirect URI. It is never requested. libcurl must leave it as it
-    /// is, which it does not with `app://cb` or `https://host`: both lack the path.
+    /// The service's registered redirect URI. It is never requested. libcurl must leave it
+    /// unchanged, unlike `app://cb` or `https://host`, which lack a path.
     std::string redirectUri{};
     /// The scopes to ask for, separated by blanks.
     std::string scope{};
-    /// Absolute path of the file that keeps the tokens, private to this service. Beside it, a
-    /// folder of the same name with ".work" appended is made. The folder that holds both must
-    /// exist, belong to this user or root, and be writable by no one else. Sessions and processes
-    /// with the same token file share one sign-in.
+    /// Absolute path of the token file, private to this service. The Session creates a folder of
+    /// the same name with ".work" appended beside it. The folder that contains both must exist,
+    /// belong to this user or root, and be writable by no one else. Sessions and processes with the
+    /// same token file share one sign-in.
     std::string tokenFile{};
     /// The server's revocation endpoint (RFC 7009): https, without fragment. If it is set,
     /// Session::signOut() revokes the tokens.
     std::string revocationEndpoint{};
-    /// How long a token that accessToken() returns must still be good; a quarter of the token's
-    /// lifetime where that is less. Not negative.
+    /// How long a token that accessToken() returns must still be valid; a quarter of the token's
+    /// lifetime if that is less. Not negative.
     std::chrono::seconds margin{60};
     /// How long one call may take; at least 1 s.
     std::chrono::milliseconds timeout{120'000};
 };
 
-/// @brief An access token and what is known of it.
+/// @brief An access token, its end and its scope.
 struct AccessToken {
     std::string text;  ///< The token, for the header `Authorization: Bearer`.
-    /// When it ends, by this device's clock: for display. max() when the server names no lifetime.
+    /// When it expires, by this device's clock: for display. max() if the server names no lifetime.
     std::chrono::system_clock::time_point expires;
-    std::string scope;  ///< The scope that the server granted, else the one that was asked for.
+    std::string scope;  ///< The scope that the server granted, else the one requested.
 };
 
 /// @brief Keeps a service signed in with the device's linked account.
@@ -58,9 +58,9 @@ struct AccessToken {
 /// Construction makes no request and reads no file. Nothing is renewed in the background: all work
 /// is done by the calls.
 ///
-/// A Session belongs to the process that made it: in a forked child every call on it fails at once
-/// with code 34; a child makes its own. Destroying a Session while another thread is in a call is
-/// undefined. Join all threads that use one before the process exits.
+/// A Session belongs to the process that created it: in a forked child every call on it fails at
+/// once with code 34; the child creates its own. Destroying a Session while another thread is in a
+/// call is undefined. Join all threads that use one before the process exits.
 class ORBA_OAUTH2SESSION_API Session {
   public:
     /// @brief Checks and copies the settings.
@@ -76,16 +76,17 @@ class ORBA_OAUTH2SESSION_API Session {
     /// @brief Releases memory only: tokens and sign-in stay for the next Session.
     ~Session();
 
-    /// @brief Gives an access token that is good for at least `margin`.
+    /// @brief Returns an access token that is valid for at least `margin`.
     ///
-    /// Without usable tokens it signs in; when they are about to end it refreshes them; else it
-    /// makes no request and returns within a microsecond. Callers that come together cause one
-    /// request: the others wait and get its result, or its failure.
+    /// Without usable tokens it signs in; if they are about to expire it refreshes them; otherwise
+    /// it makes no request and returns within a microsecond. Concurrent callers cause one request:
+    /// the others wait and get its result or its failure.
     ///
-    /// Shortly before a token is due, one call renews it early, which may take up to 10 s of that
-    /// one caller's time. If that fails, the call returns the token at hand, which is still good.
+    /// Shortly before a token must be renewed, one call renews it early, which may take up to 10 s
+    /// of that caller's time. If that fails, the call returns the current token, which is still
+    /// valid.
     ///
-    /// A sign-in hands the account's authentication key to the account service. If that refuses the
+    /// A sign-in sends the account's authentication key to the account service. If that refuses the
     /// key, the device is unlinked from its account (code 22).
     ///
     /// @return The token. One whose lifetime is over when it arrives is returned once.
@@ -98,11 +99,11 @@ class ORBA_OAUTH2SESSION_API Session {
 
     /// @brief Replaces a token that a resource server refused (HTTP status 401).
     ///
-    /// Another unexpired token in the token file is the answer. Otherwise the tokens are renewed,
-    /// once for all who ask. A token younger than 10 s is not renewed (code 40). That age doubles
-    /// with each renewal after a refusal in a row, up to 5 min, and is 10 s again when a token is
-    /// refused more than 10 min after it came. Until it is replaced, accessToken() goes on
-    /// returning the refused token.
+    /// If the token file has another unexpired token, that is returned. Otherwise the tokens are
+    /// renewed, once for all callers. A token younger than 10 s is not renewed (code 40). That age
+    /// doubles with each renewal after a refusal in a row, up to 5 min, and is 10 s again when a
+    /// token is refused more than 10 min after it was issued. Until it is replaced, accessToken()
+    /// returns the refused token.
     ///
     /// @param refused The text of the refused token.
     /// @return A token other than the refused one, unless the server issues the same again.
@@ -115,12 +116,12 @@ class ORBA_OAUTH2SESSION_API Session {
     /// @brief Ends the sign-in: revokes the tokens, if there is a `revocationEndpoint`, and removes
     /// the token file whatever the server says.
     ///
-    /// It does not forbid anything: the next accessToken() signs in again.
+    /// The next accessToken() signs in again.
     ///
-    /// @return true: the server was told, or there is no revocation endpoint, or nothing to revoke.
-    /// false: the tokens are removed here, but the server could not be told, because it refused or
-    /// did not answer, no account is linked, the gate is closed (then it is not asked), or cancel()
-    /// was called while it was asked.
+    /// @return true: the tokens are revoked, or there is no revocation endpoint, or nothing to
+    /// revoke. false: they are removed here but not revoked, because the server refused or did not
+    /// answer, no account is linked, the gate is closed (then no request is made), or cancel() was
+    /// called meanwhile.
     /// @throws SessionException code 38 when the files cannot be removed, 39 when other callers
     /// kept the lock for `timeout`, 34, 35.
     /// @throws std::bad_alloc when memory runs out.
