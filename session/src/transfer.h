@@ -36,7 +36,7 @@ class Transfer {
 
   private:
     struct MultiCleanup {
-        void operator()(CURLM* multi) const { curl_multi_cleanup(multi); }
+        void operator()(CURLM* handle) const { curl_multi_cleanup(handle); }
     };
     struct EasyCleanup {
         void operator()(CURL* easy) const { curl_easy_cleanup(easy); }
