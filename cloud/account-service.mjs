@@ -1,4 +1,4 @@
-// The account service: what the device's account-service library asks. It knows one account.
+// The account service, which the device's account-service library calls. It has one account.
 import {randomBytes} from 'node:crypto';
 import {text} from 'node:stream/consumers';
 
@@ -23,9 +23,9 @@ function missingField(form, names) {
     return missing && refusal('badrequest', `${missing} is missing`, 400);
 }
 
-// Middleware: answers every request for the account service's name.
+// Middleware: handles every request for the account service's name.
 export function accountService(provider, account, settings) {
-    // Finishes the login that waits under the challenge, in the place of a person at a browser.
+    // Completes the login that is pending under the challenge, in place of a person at a browser.
     async function login({state}, form) {
         const missing = missingField(form, ['id', 'auth_key', 'serial_no', 'challenge']);
         if (missing) return missing;

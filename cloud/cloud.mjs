@@ -63,7 +63,7 @@ function writeJson(file, value, mode) {
 }
 
 async function run(values, options) {
-    // Loaded late: a wrong option is answered at once, and a missing package is a line of text.
+    // Loaded late: a wrong option is reported at once, and a missing package in one line.
     const {startCloud} = await import('./cloud-server.mjs');
     const cloud = await startCloud({...options, print: console.log});
     const {'host-profile': profileFile, 'ready-file': readyFile} = values;

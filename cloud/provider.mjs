@@ -1,5 +1,5 @@
-// The OAuth2 server: configuration of the oidc-provider package, and what it needs to be driven
-// without a browser.
+// The OAuth2 server: configuration of the oidc-provider package, and additions for logins without a
+// browser.
 import {generateKeyPairSync, randomBytes, randomUUID} from 'node:crypto';
 
 import Provider from 'oidc-provider';
@@ -72,14 +72,14 @@ export function createProvider(issuer, settings) {
     });
 }
 
-// Records that the account lets the client have the scope; answers the grant's id.
+// Records that the account grants the scope to the client; returns the grant's id.
 export function saveGrant(provider, accountId, clientId, scope = '') {
     const grant = new provider.Grant({accountId, clientId});
     grant.addOIDCScope(scope);
     return grant.save();
 }
 
-// An authorization code that no browser asked for. Without a challenge it is bound to none.
+// An authorization code without a browser. Without a challenge it is bound to none.
 export async function mintCode(provider, accountId, {clientId, scope, redirectUri, challenge}) {
     const code = new provider.AuthorizationCode({
         accountId,
@@ -119,8 +119,8 @@ export function redirects(provider, settings) {
         await next();
         const location = ctx.response.get('location');
         if (location && !location.startsWith(`${provider.issuer}/`)) {
-            // The client's callback. Were the session kept, the next sign-in with the same
-            // cookies would go straight through, without a challenge.
+            // The client's callback. If the session were kept, the next sign-in with the same
+            // cookies would succeed without a challenge.
             await ctx.oidc.session?.destroy();
             if (ctx.oidc.route === 'resume') ctx.redirect(addHops(location));
         }

@@ -1,9 +1,9 @@
 // One record and one printed line for every request. Records hold the whole request, for tests;
-// lines are for people to see, so no code, token, key or state appears whole in them.
+// lines are for people, so codes, tokens, keys and states are truncated in them.
 
 const shorten = (secret) => `${secret.slice(0, Math.min(6, secret.length >> 1))}...`;
 
-// Long names in a path are identifiers that the server made.
+// Long names in a path are the server's identifiers.
 const shortenPath = (url) => url.replace(/(?<=\/)[\w-]{21,}/g, shorten);
 
 function requestTarget(url) {

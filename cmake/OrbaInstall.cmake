@@ -1,11 +1,11 @@
 # What `cmake --install` writes, in components:
-#   runtime              the library as programs load it
+#   runtime              the library that programs load
 #   development          headers, link, CMake package, pkg-config file
 #   session, session-development   the same of liborbaoauth2session (with ORBA_BUILD_SESSION)
 #   tools                orba-token and its manual page
 #   host                 the host edition's libraries (with ORBA_PLATFORM=host)
 #   host-development     their headers and links
-# All of it is relocatable: paths are relative to the file that holds them.
+# All of it is relocatable: paths are relative to the file that contains them.
 include(CMakePackageConfigHelpers)
 
 set(orba_cmake_dir "${CMAKE_INSTALL_LIBDIR}/cmake/${PROJECT_NAME}")
@@ -55,7 +55,7 @@ install(
     DESTINATION "${orba_cmake_dir}"
     COMPONENT development)
 
-# The pkg-config files name folders as seen from their own.
+# The pkg-config files name folders relative to their own.
 set(orba_pkgconfig_folder "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig")
 cmake_path(RELATIVE_PATH CMAKE_INSTALL_PREFIX BASE_DIRECTORY "${orba_pkgconfig_folder}"
            OUTPUT_VARIABLE ORBA_PC_PREFIX)
@@ -68,8 +68,7 @@ function(orba_pkgconfig name component description requires)
         DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig"
         COMPONENT ${component})
 endfunction()
-# libcurl and libcrypto are no requirements of those who link: no header names them, and there is no
-# static library.
+# Users do not need libcurl and libcrypto to link: no header names them, and there is no static library.
 orba_pkgconfig(orbaoauth2client development "${PROJECT_DESCRIPTION}" jsoncpp)
 
 if(ORBA_BUILD_SESSION)

@@ -29,8 +29,8 @@ set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS "${PROJECT_BINARY_DIR}/platform/host"
     "${PROJECT_BINARY_DIR}/src" "${PROJECT_BINARY_DIR}/session")
 
-# dpkg's trigger runs ldconfig, as Debian wants it. cpack would add scripts that call it once more,
-# unless there are some of these names; names without a file keep all scripts out.
+# dpkg's trigger runs ldconfig, as Debian requires. cpack would add scripts that call it again unless
+# scripts of these names are given; names without a file prevent all scripts.
 set(orba_ldconfig_trigger "${orba_debian_files}/triggers" no-script/postinst no-script/postrm)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")
 set(CPACK_DEBIAN_SESSION_PACKAGE_CONTROL_EXTRA "${orba_ldconfig_trigger}")

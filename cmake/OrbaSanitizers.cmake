@@ -1,4 +1,4 @@
-# ORBA_SANITIZE names the sanitizers for the whole tree, as the compiler's -fsanitize takes them:
+# ORBA_SANITIZE names the sanitizers for the whole tree, as for the compiler's -fsanitize:
 # "address;undefined" or "thread". The presets set it.
 set(ORBA_SANITIZE "" CACHE STRING "Sanitizers to build with: address;undefined or thread")
 

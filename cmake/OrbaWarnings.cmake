@@ -1,5 +1,5 @@
-# Every target of ours is built with these warnings. They are errors in CI and in the presets
-# (ORBA_WARNINGS_AS_ERRORS), not for whoever builds the library with a newer compiler.
+# All targets are built with these warnings. They are errors in CI and in the presets
+# (ORBA_WARNINGS_AS_ERRORS), but not for users with a newer compiler.
 option(ORBA_WARNINGS_AS_ERRORS "Stop the build at a compiler warning" OFF)
 
 function(orba_warnings target)
