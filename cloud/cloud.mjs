@@ -1,6 +1,7 @@
 #!/usr/bin/env node
 // The test cloud as a command: see README.md.
-import {renameSync, rmSync, writeFileSync} from 'node:fs';
+import {randomUUID} from 'node:crypto';
+import {readFileSync, renameSync, rmSync, writeFileSync} from 'node:fs';
 import {parseArgs} from 'node:util';
 
 const OPTIONS = {
@@ -16,7 +17,8 @@ const OPTIONS = {
     'host-profile FILE': 'write the matching device profile there (mode 0600)',
     'no-pkce-token': 'leave pkce_access_token out of the profile',
     'ready-file FILE': 'when ready, write addresses and client data there; removed at the end',
-    'help': 'show this text',
+    'help': 'show this text (-h)',
+    'version': 'show the version',
 };
 
 const USAGE = ['usage: node cloud/cloud.mjs [OPTION...]', ...Object.entries(OPTIONS).map(
@@ -25,7 +27,7 @@ const USAGE = ['usage: node cloud/cloud.mjs [OPTION...]', ...Object.entries(OPTI
 function parseOptions() {
     const options = Object.keys(OPTIONS).map((option) => {
         const [name, value] = option.split(' ');
-        return [name, {type: value ? 'string' : 'boolean'}];
+        return [name, {type: value ? 'string' : 'boolean', ...(name === 'help' && {short: 'h'})}];
     });
     return parseArgs({options: Object.fromEntries(options)}).values;
 }
@@ -55,10 +57,10 @@ function cloudOptions(values) {
     return Object.fromEntries(Object.entries(options).filter(given));
 }
 
-// Readers see the old file or the whole new one.
+// Readers see the old file or the whole new one. No name that somebody could have taken is written to.
 function writeJson(file, value, mode) {
-    const unfinished = `${file}.${process.pid}`;
-    writeFileSync(unfinished, `${JSON.stringify(value, null, 4)}\n`, {mode});
+    const unfinished = `${file}.${randomUUID()}`;
+    writeFileSync(unfinished, `${JSON.stringify(value, null, 4)}\n`, {mode, flag: 'wx'});
     renameSync(unfinished, file);
 }
 
@@ -100,6 +102,8 @@ try {
 }
 if (values.help) {
     process.stdout.write(USAGE);
+} else if (values.version) {
+    console.log(`cloud ${JSON.parse(readFileSync(new URL('package.json', import.meta.url))).version}`);
 } else {
     run(values, options).catch((error) => fail(1, error));
 }

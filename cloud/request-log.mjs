@@ -15,8 +15,8 @@ function redirectTarget(url) {
         name.startsWith('error') ? parameter : `${name}=${shorten(value)}`));
 }
 
-function line({method, url, status, client, account, outcome, location}, issuer) {
-    const words = [method, requestTarget(url), status];
+function line({method, host, url, status, client, account, outcome, location}, issuer) {
+    const words = [method, host + requestTarget(url), status];
     words.push([client, account].filter(Boolean).join('/') || '-');
     if (outcome) words.push(outcome);
     if (location) words.push('->', redirectTarget(location.replace(issuer, '')));

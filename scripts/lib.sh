@@ -1,9 +1,17 @@
-# What the scripts share. To be sourced by a bash script with `set -euo pipefail`.
+# What the scripts share. To be sourced by a bash script with `set -euo pipefail`, whose first comment is
+# what --help shows.
 # shellcheck shell=bash
 
 # The checkout that this file belongs to, without symbolic links.
 root=$(cd -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd -P)
 readonly root
+
+case ${1:-} in
+    -h | --help)
+        sed -n '1d; /^#/!q; /^# shellcheck/!s/^# \{0,1\}//p' -- "${BASH_SOURCE[1]}"
+        exit
+        ;;
+esac
 
 # say TEXT: one line about what the script is doing, apart from what it prints as its result.
 say() {
@@ -24,22 +32,27 @@ quietly() {
     return "$status"
 }
 
-# setup: installs what is missing; silent when nothing is.
-setup() {
-    "$root/scripts/setup" || exit
-}
-
-# setup_for check|bench: the same, with what the scripts of that kind need.
+# setup_for KIND: installs what scripts/setup --KIND does; silent when nothing is missing.
 setup_for() {
     "$root/scripts/setup" "--$1" || exit
 }
 
-# require_writable_build [PRESET]: says so in one line when nothing can be built here.
-require_writable_build() {
-    local folder=$root
+# use_build NAME: makes build/NAME this script's own until it ends. Says which script it waits for, or in
+# one line that nothing can be built here.
+use_build() {
+    local folder=$root lock=$root/build/$1.lock descriptor
     [[ ! -e $root/build ]] || folder=$root/build
-    [[ ! -e $root/build/${1:-} ]] || folder=$root/build/${1:-}
+    [[ ! -e $root/build/$1 ]] || folder=$root/build/$1
     [[ -w $folder ]] || die "cannot write to ${folder%/}, where the build goes"
+    [[ " ${used[*]-} " != *" $1 "* ]] || return 0
+    mkdir -p "$root/build"
+    exec {descriptor}>>"$lock"
+    if ! flock --nonblock "$descriptor"; then
+        say "waiting for $(<"$lock"), which uses build/$1"
+        flock "$descriptor"
+    fi
+    echo "scripts/${0##*/} (process $$)" >"$lock"
+    used+=("$1")
 }
 
 # configure PRESET [CMAKE ARGUMENT...]
@@ -47,11 +60,17 @@ configure() {
     quietly env -C "$root" cmake --preset "$@" || die "the build could not be configured"
 }
 
-# build PRESET TARGET...: configures and builds the targets in build/PRESET ("all": everything).
+# build PRESET TARGET...: configures with $cmake_arguments and builds the targets in build/PRESET ("all":
+# everything). Does nothing within a test of that folder, which ORBA_BUILT names.
 build() {
-    require_writable_build "$1"
-    say "building in build/$1"
-    configure "$1"
+    local folder=$1
+    [[ $1 != check ]] || folder=dev # it differs from dev in its tests only
+    if [[ ${ORBA_BUILT:-} == "$root/build/$folder" ]]; then return; fi
+    use_build "$folder"
+    say "building in build/$folder"
+    configure "$1" "${cmake_arguments[@]}"
     quietly env -C "$root" cmake --build --preset "$1" --parallel "$(nproc)" --target "${@:2}" ||
         die "the build failed"
 }
+used=()
+cmake_arguments=()

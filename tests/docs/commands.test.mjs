@@ -57,7 +57,7 @@ for (const {path, line, text, printed} of run) {
 
 // "GET /auth?..." and "L->>O: GET /auth/... (cookies)" are both "GET /auth", one level down "/auth/*".
 function shape(method, target) {
-    return `${method} ${target.replace(/\?.*/, '').replace(/(?<=^\/auth\/).+/, '*')}`;
+    return `${method} ${target.replace(/^[\w.]+/, '').replace(/\?.*/, '').replace(/(?<=^\/auth\/).+/, '*')}`;
 }
 
 test("the guide's diagrams show the requests of the demo, in their order", async () => {

@@ -2,9 +2,7 @@
 import {spawn} from 'node:child_process';
 import {once} from 'node:events';
 import {createInterface} from 'node:readline';
-import {fileURLToPath} from 'node:url';
 
-const READER = fileURLToPath(new URL('log_reader.pl', import.meta.url));
 const SOCKET = '/tmp/devlog.sock'; // what /dev/log is in the sandbox
 const MESSAGE = /^<(\d+)>[A-Z][a-z]{2} [ \d]\d \d\d:\d\d:\d\d ([^:]+): ([^]*)$/;
 
@@ -19,13 +17,13 @@ function parse(hexadecimal) {
 // Opens the log. `take()` gives the messages since it was called last; a program's message is there
 // as soon as its syslog() has returned.
 export async function openLog() {
-    const reader = spawn('perl', [READER, SOCKET], {stdio: ['pipe', 'pipe', 'inherit']});
+    const reader = spawn(process.env.ORBA_SYSLOG_RECEIVER, [SOCKET], {stdio: ['pipe', 'pipe', 'inherit']});
     const exited = once(reader, 'exit');
     const lines = createInterface({input: reader.stdout})[Symbol.asyncIterator]();
 
     async function nextLine() {
         const {value, done} = await lines.next();
-        if (done) throw new Error('the log reader has ended');
+        if (done) throw new Error('the syslog receiver has ended');
         return value;
     }
 

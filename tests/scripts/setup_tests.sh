@@ -1,118 +1,130 @@
-# Tests of scripts/setup for an ordinary user, with and without sudo.
+# Tests of scripts/setup, with an apt-get, a sudo and an npm that only take notes. Root does without sudo.
 # shellcheck shell=bash disable=SC2016,SC2154,SC2164
 
-# make_npm [COMMAND...]: an npm that notes folder and arguments, and does the command.
-make_npm() {
-    make_command "$work/bin" npm <<<"echo \"\$PWD: \$*\" >>$work/npm-calls; ${*:-mkdir -p node_modules}"
-    PATH=$work/bin:$PATH
+readonly missing="scripts/setup: Debian packages are missing: proot libgmock-dev
+scripts/setup: fetching the package lists"
+readonly install="install --no-install-recommends proot libgmock-dev"
+
+# without_packages NAME...: dpkg-query does not know them.
+without_packages() {
+    local names=${*:-none}
+    make_command "$PATH" dpkg-query <<<"/usr/bin/dpkg-query \"\$@\" | grep -vE ' (${names// /|})\$'"
+}
+
+# make_tools [INSTALL-COMMAND [UPDATE-COMMAND]]: two packages are missing. These are apt-get's commands, which
+# root or sudo have to call but for the plan; sudo refuses when $work/refuse is there.
+make_tools() {
+    PATH=$(bare_path)
+    rm "$PATH/npm"
+    without_packages proot libgmock-dev
+    make_command "$PATH" sudo <<<"[ ! -e $work/refuse ] || exit 1; BY_SUDO=1 exec \"\$@\""
+    make_command "$PATH" npm <<<"echo \"\$PWD: \$*\" >>$work/calls; mkdir -p node_modules"
+    make_command "$PATH" apt-get <<END
+case "\$*" in
+    *--print-uris*)
+        printf '%s\n' 'x' '0 upgraded, 7 newly installed, 0 to remove' \
+            'Need to get 1,234 kB/45.5 MB of archives.' 'After this operation, 159 MB of additional'
+        exit
+        ;;
+esac
+[ $EUID = 0 ] || [ -n "\$BY_SUDO" ] || exit 9
+echo "\$DEBIAN_FRONTEND \$http_proxy \$*" >>$work/calls
+case "\$*" in
+    *update) ${2:-echo 'Hit:1 http://a.test x'} ;;
+    *) ${1:-printf '%s\n' dlstatus:1:12.5:x dlstatus:1:15.0:x Unpacking pmstatus:libc6:amd64:50.0:x} ;;
+esac
+END
 }
 
 test_NothingMissing_DoesNothingQuietly() {
-    make_npm
-    make_command "$work/bin" apt-get <<<"echo apt-get >>$work/npm-calls"
-    make_command "$work/bin" sudo <<<"echo sudo >>$work/npm-calls"
-    run scripts/setup
+    make_command "$work/bin" apt-get <<<"echo called"
+    make_command "$work/bin" npm <<<"echo called"
+    PATH=$work/bin:$PATH run scripts/setup
     expect_equal "$status/$output/$errors" 0// "status, output and complaints"
-    [[ ! -e $work/npm-calls ]] || fail "called: $(<"$work/npm-calls")"
 }
 
-test_NpmPackagesMissing_AreInstalledOnce() {
-    make_npm
-    rm -r cloud/node_modules
-    run scripts/setup
+test_PackagesMissing_JustTheseAreInstalled_AfterTheirSizeIsTold() {
+    make_tools
+    http_proxy=http://proxy.test run scripts/setup
     expect_equal "$status/$output" 0/ "status and output"
-    expect_one_line "$errors" "what is said"
-    expect_contains "$errors" "npm packages" "what is said"
-    expect_equal "$(<"$work/npm-calls")" \
-        "$PWD/cloud: ci --ignore-scripts --omit=dev --no-audit --no-fund" "npm"
-    run scripts/setup
-    expect_equal "$errors" "" "what is said the second time"
-    expect_equal "$(wc -l <"$work/npm-calls")" 1 "calls of npm"
+    expect_equal "$errors" "$missing
+scripts/setup: installing them and what they need (7 packages, 45.5 MB to fetch, 159 MB on disk)
+scripts/setup: fetching: 10 %
+scripts/setup: installing: 50 %" "said"
+    expect_contains "$(tail -n 1 "$work/calls")" "noninteractive http://proxy.test -y" "apt-get"
+    expect_contains "$(tail -n 1 "$work/calls")" "$install" "apt-get"
+    run scripts/setup --demo
+    expect_equal "$(tail -n 1 "$work/calls" | grep -o 'recommends .*')" "recommends proot" "for the demo"
 }
 
-test_LockFileChanged_NpmPackagesAreInstalled() {
-    make_npm
-    echo '{"lockfileVersion": 3, "name": "new"}' >cloud/package-lock.json
+test_NoNetwork_IsSaidInOneLine() {
+    make_tools '' "printf 'Err:1 http://a.test x\nW: cannot resolve a.test\n'"
     run scripts/setup
-    expect_equal "$status" 0 "status"
-    [[ -e $work/npm-calls ]] || fail "npm was not called"
+    expect_equal "$status/$errors" "1/$missing
+scripts/setup: no package server can be reached; check the network and the proxy (http_proxy,\
+ https_proxy): cannot resolve a.test" "status and complaint"
 }
 
-test_NpmFails_ItsOutputIsShownAndItIsTriedAgain() {
-    make_npm 'echo "npm: no network"; exit 1'
+test_InstallationFails_ItsOutputAndTheCommandAreShown() {
+    make_tools "echo 'E: no space'; exit 100"
+    run scripts/setup
+    expect_equal "$status/$output" 1/ "status and output"
+    expect_contains "$errors" $'\nE: no space\n' "apt-get's output"
+    expect_contains "$errors" "as root, type: apt-get $install" "complaint"
+}
+
+test_ordinary_RightsMissing_PackagesAndCommandAreNamed() {
+    make_tools
+    touch "$work/refuse"
+    run scripts/setup
+    expect_equal "$status" 1 "status"
+    expect_contains "$errors" "packages are missing; as root, type: apt-get $install" "without rights"
+    rm "$PATH/sudo"
+    run scripts/setup
+    expect_refusal 1 "packages are missing; as root, type: apt-get $install"
+    rm "$PATH/apt-get"
+    run scripts/setup
+    expect_refusal 1 "this machine has no apt-get; install what Debian calls: proot libgmock-dev"
+    [[ ! -e $work/calls ]] || fail "called: $(<"$work/calls")"
+}
+
+test_Node_FromElsewhereIsKept_MissingIsInstalled_OldIsRefused() {
+    make_tools "ln -sf $(command -v node) $work/bin/node"
+    without_packages nodejs npm
+    run scripts/setup
+    expect_equal "$status/$errors" 0/ "status and complaints"
+    rm "$PATH"/{node,npm}
+    mkdir "$work/bin"
+    PATH=$work/bin:$PATH run scripts/setup
+    expect_contains "$(tail -n 1 "$work/calls")" "install --no-install-recommends nodejs npm" "apt-get"
+    without_packages
+    make_command "$PATH" node <<<"echo v16.20.2"
+    run scripts/setup --reference
+    expect_refusal 1 "Node.js 16.20.2"
+}
+
+test_NpmPackages_AreInstalledOnceForALockFile() {
+    make_tools
+    without_packages
     echo changed >cloud/package-lock.json
     run scripts/setup
-    expect_equal "$status/$output" 1/ "status and output"
-    expect_contains "$errors" "npm: no network" "npm's output"
-    expect_contains "$errors" "could not be installed" "complaint"
+    expect_equal "$status/$output" 0/ "status and output"
+    expect_contains "$errors" "npm packages in cloud/node_modules" "said"
+    expect_contains "$(<"$work/calls")" "$PWD/cloud: ci --ignore-scripts --omit=dev" "npm"
     run scripts/setup
-    expect_equal "$(wc -l <"$work/npm-calls")" 2 "calls of npm"
+    expect_equal "$errors/$(wc -l <"$work/calls")" /1 "the second time"
 }
 
-test_NodeTooOld_IsSaidInOneLine() {
-    make_command "$work/bin" node <<<"echo v16.20.2"
-    PATH=$work/bin:$PATH run scripts/setup
-    expect_equal "$status" 1 "status"
-    expect_one_line "$errors" "complaint"
-    expect_contains "$errors" "Node.js 16.20.2" "complaint"
-}
-
-test_Argument_IsRefused() {
-    run scripts/setup --something
-    expect_equal "$status" 1 "status"
-    expect_equal "$errors" "scripts/setup: usage: scripts/setup [--check | --bench]" "complaint"
-}
-
-test_OtherSystem_PackagesAreNamed() {
-    PATH=$(path_without dpkg-query apt-get) run scripts/setup
-    expect_equal "$status" 1 "status"
-    expect_one_line "$errors" "complaint"
-    expect_contains "$errors" "no apt-get; install what Debian calls: g++ cmake" "complaint"
-}
-
-# without_package NAME: dpkg-query does not know it; apt-get fails unless sudo called it.
-without_package() {
-    local real
-    real=$(command -v dpkg-query)
-    PATH=$(path_without sudo)
-    rm "$PATH"/{dpkg-query,apt-get}
-    make_command "$PATH" dpkg-query <<<"$real \"\$@\" | grep -v ' $1\$'"
-    make_command "$PATH" apt-get <<<"echo \"\$*\" >>$work/apt-calls; [ -n \"\$BY_SUDO\" ]"
-}
-
-test_WithoutSudo_PackagesAndCommandAreNamed() {
-    without_package proot
+test_NpmFails_ItsOutputIsShown_OrOneLineAboutTheNetwork() {
+    make_tools
+    without_packages
+    make_command "$PATH" npm <<<"echo 'npm: no space'; exit 1"
+    rm -r cloud/node_modules
     run scripts/setup
     expect_equal "$status/$output" 1/ "status and output"
-    expect_equal "$errors" "scripts/setup: packages are missing; as root, type:\
- apt-get install --no-install-recommends proot" "complaint"
-    [[ ! -e $work/apt-calls ]] || fail "apt-get was called"
-}
-
-test_WithSudo_ItIsUsed() {
-    without_package proot
-    make_command "$PATH" sudo <<<"BY_SUDO=1 exec \"\$@\""
+    expect_contains "$errors" $'\nnpm: no space\nscripts/setup: the npm packages could not' "complaint"
+    make_command "$PATH" npm <<<"printf 'npm ERR! code EAI_AGAIN\nmore\n'; exit 1"
     run scripts/setup
-    expect_equal "$status" 0 "status"
-    expect_equal "$errors" "scripts/setup: installing Debian packages: proot" "said"
-    expect_contains "$(tail -n 1 "$work/apt-calls")" "install --no-install-recommends proot" "apt-get"
-}
-
-test_SudoRefuses_CommandIsNamed() {
-    without_package proot
-    make_command "$PATH" sudo <<<"echo 'sudo: not you' >&2; exit 1"
-    run scripts/setup
-    expect_equal "$status" 1 "status"
-    expect_contains "$errors" "sudo: not you" "sudo's message"
-    expect_contains "$errors" "as root, type: apt-get install --no-install-recommends proot" "complaint"
-    [[ ! -e $work/apt-calls ]] || fail "apt-get was called"
-}
-
-test_CloudNotWritable_IsSaidInOneLine() {
-    rm cloud/node_modules/.installed-package-lock.json
-    chmod a-w cloud
-    run scripts/setup
-    chmod u+w cloud
-    expect_equal "$status" 1 "status"
-    expect_contains "$errors" "cannot write to $PWD/cloud, where the npm packages go" "complaint"
+    expect_equal "$(tail -n +2 <<<"$errors")" "scripts/setup: npm cannot reach its registry (EAI_AGAIN);\
+ check the network and the proxy (https_proxy, npm config get proxy)" "complaint"
 }
