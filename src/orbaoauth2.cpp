@@ -98,7 +98,7 @@ void readReply(IdpLogin& login, Json::Value& reply) {
 // Asks for a PKCE access token only to learn whether there is one. An exception of the constructor
 // is not an answer to that: it passes to the caller.
 bool hasPkceAccessToken() {
-    const orbatovra::AccountPkceService service;
+    orbatovra::AccountPkceService service;
     try {
         service.GetAccessToken();
         return true;
@@ -120,7 +120,7 @@ std::string requestGrant(const std::string& authURL) {
     const std::string scope = getParamFromURL(authURL, "scope");
     const std::string redirectUri = getParamFromURL(authURL, "redirect_uri");
     const std::string state = getParamFromURL(authURL, "state");
-    const orbatovra::AccountFleetLensService service;
+    orbatovra::AccountFleetLensService service;
     return service.Grant(clientId, scope, redirectUri, state);
 }
 

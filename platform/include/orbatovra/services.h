@@ -5,6 +5,7 @@
 #ifndef ORBATOVRA_SERVICES_H
 #define ORBATOVRA_SERVICES_H
 
+#include <cstddef>
 #include <exception>
 #include <string>
 
@@ -13,6 +14,11 @@
 #pragma GCC visibility push(default)
 
 namespace orbatovra {
+
+// The caller provides a service object's storage; its members are known to the maker only.
+// The objects are not const, because any call may change the members.
+inline constexpr std::size_t kServiceSize = 4096;
+inline constexpr std::size_t kServiceAlignment = 64;
 
 /** What the services throw. */
 class TovraException : public std::exception {
@@ -28,7 +34,7 @@ class TovraException : public std::exception {
 };
 
 /** Hands out the PKCE access token of the account that the device is linked to. */
-class AccountPkceService {
+class alignas(kServiceAlignment) AccountPkceService {
   public:
     AccountPkceService();
     ~AccountPkceService();
@@ -38,10 +44,13 @@ class AccountPkceService {
      * @throws TovraException There is no token, or it cannot be obtained.
      */
     std::string GetAccessToken() const;
+
+  private:
+    [[maybe_unused]] char reserved[kServiceSize];
 };
 
 /** Asks the account service for grants of the Fleet Lens service. */
-class AccountFleetLensService {
+class alignas(kServiceAlignment) AccountFleetLensService {
   public:
     AccountFleetLensService();
     ~AccountFleetLensService();
@@ -57,6 +66,9 @@ class AccountFleetLensService {
      */
     std::string Grant(const std::string& clientId, const std::string& scope,
                       const std::string& redirectUri, const std::string& state) const;
+
+  private:
+    [[maybe_unused]] char reserved[kServiceSize];
 };
 
 }  // namespace orbatovra

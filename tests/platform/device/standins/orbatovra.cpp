@@ -1,3 +1,0 @@
-#include <orbatovra/orbatovra.h>
-
-unsigned int ORBATOVRAErrGet(void) { return 4711; }
