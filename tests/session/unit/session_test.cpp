@@ -1,0 +1,931 @@
+// The session over stand-ins: what each call asks for, stores and reports.
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <thread>
+
+#include "orbaoauth2client/errors.h"
+#include "stand_ins.h"
+
+namespace {
+
+using namespace ORBA::OAuth2Session;
+using namespace std::chrono_literals;
+using outside::Answer;
+using outside::Request;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::Not;
+
+outside::Outside& out() { return outside::get(); }
+
+// Answers requests for tokens; the rest is up to the server.
+void answerTokens(const Answer& answer) {
+    out().intercept = [answer](const Request& request, Answer& given) {
+        given = answer;
+        return request.url == "https://auth.test/token";
+    };
+}
+
+TEST_F(SessionTest, WebLogin_StoresTheTokensAndNeedsNoSecondRequest) {
+    const AccessToken first = session().accessToken();
+    EXPECT_EQ("at-2", first.text);
+    EXPECT_EQ("openid fleet.read", first.scope);
+    EXPECT_EQ(std::chrono::system_clock::time_point(1'800'003'600s), first.expires);
+    EXPECT_EQ("at-2", token());
+    restart();
+    EXPECT_EQ("at-2", token());
+    EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token"));
+    EXPECT_EQ("at-2", stored()["access_token"].asString());
+    EXPECT_EQ("rt-2", stored()["refresh_token"].asString());
+    EXPECT_EQ(1'800'003'600.0, stored()["expires_at"].asDouble());
+    struct stat status = {};
+    ASSERT_EQ(0, stat(tokenFile().c_str(), &status));
+    EXPECT_EQ(0100600U, status.st_mode);
+    EXPECT_FALSE(std::filesystem::exists(tokenFile() + ".work/reserve"));
+    EXPECT_THAT(out().log, ElementsAre("6 orbaoauth2session: Signed in at https://auth.test."));
+}
+
+TEST_F(SessionTest, Requests_CarryTheParametersAndLimits) {
+    token();
+    const Request& authorization = out().requests[0];
+    EXPECT_EQ(0U, authorization.url.find("https://auth.test/auth?response_type=code&client_id="
+                                         "fleet%20lens&redirect_uri=https%3A%2F%2Fapp.test%2Fcb&"
+                                         "scope=openid%20fleet.read&state="));
+    EXPECT_THAT(authorization.url, HasSubstr("&code_challenge_method=S256&audience=nas"));
+    const Request& exchange = out().requests[2];
+    EXPECT_EQ(0U, exchange.form.find("grant_type=authorization_code&code=code-1&client_id="
+                                     "fleet%20lens&redirect_uri=https%3A%2F%2Fapp.test%2Fcb&"
+                                     "code_verifier="));
+    EXPECT_EQ(43U, outside::parameterOf(exchange.form, "code_verifier").size());
+    EXPECT_EQ(43U, outside::parameterOf(authorization.url, "state").size());
+    EXPECT_THAT(exchange.headers, ElementsAre("Accept: application/json"));
+    std::map<CURLoption, std::string> expected = {
+        {CURLOPT_PROTOCOLS_STR, "https"},
+        {CURLOPT_USERAGENT, "nas/1.0"},
+        {CURLOPT_SSLVERSION, std::to_string(long{CURL_SSLVERSION_TLSv1_2})},
+        {CURLOPT_SSL_VERIFYPEER, "1"},
+        {CURLOPT_SSL_VERIFYHOST, "2"},
+        {CURLOPT_CAINFO, "/etc/ssl/certs/ca-certificates.crt"},
+        {CURLOPT_CAPATH, "null"},
+        {CURLOPT_FRESH_CONNECT, "1"},
+        {CURLOPT_NOSIGNAL, "1"},
+        {CURLOPT_TIMEOUT_MS, "30000"}};
+    for (const Request& request : out().requests) {
+        for (const auto& [option, value] : expected) {
+            EXPECT_EQ(value, request.options.at(option)) << option << " of " << request.url;
+        }
+        EXPECT_EQ(0U, request.options.count(CURLOPT_FOLLOWLOCATION));
+    }
+}
+
+TEST_F(SessionTest, Grant_IsExchangedWithoutVerifier) {
+    for (const bool isCallback : {false, true}) {
+        out().codes = {"granted"};
+        out().grant = [isCallback] {
+            return isCallback ? "https://app.test/cb?code=granted&state=" + out().state
+                              : std::string("granted");
+        };
+        token();
+        EXPECT_THAT(urls(), ElementsAre("/token"));
+        EXPECT_THAT(out().requests[0].form, Not(HasSubstr("code_verifier")));
+        session().signOut();
+        out().requests.clear();
+    }
+}
+
+TEST_F(SessionTest, GrantOfNoUse_LeadsToTheWebLoginInTheSameCall) {
+    const std::vector<std::function<std::string()>> grants = {
+        [] { return std::string("unknown code"); },
+        [] { return std::string(); },
+        [] { return std::string("https://app.test/cb?code=c&state=other"); },
+        [] { return "https://app.test/cb?error=access_denied&state=" + out().state; },
+        []() -> std::string { throw std::runtime_error("the account service is away"); },
+        []() -> std::string { throw ORBA::OAuth2Client::HttpClientException(26, "x"); },
+    };
+    for (const auto& grant : grants) {
+        out().grant = grant;
+        EXPECT_NE("", token());
+        EXPECT_EQ("/token", urls().back());
+        session().signOut();
+    }
+    out().grant = [] { return std::string("code"); };
+    answerTokens({503});
+    expectFailure(17, Remedy::tryLater);
+    EXPECT_EQ("/token", urls().back());
+}
+
+TEST_F(SessionTest, GrantWithoutMemory_Passes) {
+    out().grant = []() -> std::string { throw std::bad_alloc(); };
+    EXPECT_THROW(token(), std::bad_alloc);
+}
+
+TEST_F(SessionTest, ExpiredToken_IsRefreshed) {
+    token();
+    out().advance(1h);
+    EXPECT_EQ("at-3", token());
+    EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token", "/token refresh"));
+    EXPECT_EQ("rt-3", stored()["refresh_token"].asString());
+    EXPECT_EQ("6 orbaoauth2session: Refreshed at https://auth.test.", out().log.back());
+}
+
+TEST_F(SessionTest, Margin_IsAQuarterOfAShortLifetime) {
+    out().lifetime = 100;
+    token();
+    out().advance(74s);
+    token();  // early renewal at the latest at 65 s
+    out().advance(26s);
+    const auto before = out().requests.size();
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ(before, out().requests.size());
+}
+
+TEST_F(SessionTest, EarlyRenewal_FailsSilentlyAndOnlyOnce) {
+    token();
+    out().advance(3530s);
+    answerTokens({503});
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(4U, out().requests.size());
+    EXPECT_THAT(out().log.back(), HasSubstr("503"));
+    out().advance(20s);  // margin reached, the gate may still be closed
+    out().advance(10min);
+    out().intercept = nullptr;
+    EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, EarlyRenewal_RefusedRefreshTokenEndsItForThisToken) {
+    token();
+    out().refreshTokens.clear();
+    out().advance(3530s);
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ("at-2", token());
+    EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token", "/token refresh"));
+    EXPECT_FALSE(stored().isMember("refresh_token"));
+    out().advance(70s);
+    EXPECT_EQ("at-4", token());  // the gate is open: one sign-in
+}
+
+TEST_F(SessionTest, EarlyRenewal_WhileAnotherProcessHoldsTheLock_IsLeftToIt) {
+    token();
+    out().advance(3530s);
+    fakes::world().failAt["flock"] = fakes::world().counts["flock"] + 1;
+    EXPECT_EQ("at-2", token());
+}
+
+TEST_F(SessionTest, RefusedRefreshToken_LeadsToOneSignIn) {
+    for (const Answer& answer : {Answer{400, R"({"error":"invalid_grant"})"}, Answer{401, ""},
+                                 Answer{400, R"({"error":"invalid_request"})"}}) {
+        out().requests.clear();
+        token();
+        out().advance(2h);
+        out().intercept = [answer](const Request& request, Answer& given) {
+            given = answer;
+            return outside::parameterOf(request.form, "grant_type") == "refresh_token";
+        };
+        out().requests.clear();
+        token();
+        EXPECT_THAT(urls(), ElementsAre("/token refresh", "/auth", "/continue", "/token"));
+        EXPECT_THAT(out().log, ::testing::Contains(HasSubstr("no longer accepts the refresh")));
+        out().intercept = nullptr;
+    }
+}
+
+TEST_F(SessionTest, InvalidClientAtARefresh_IsFixSettings) {
+    token();
+    out().advance(2h);
+    answerTokens({401, R"({"error":"invalid_client"})"});
+    expectFailure(37, Remedy::fixSettings);
+    EXPECT_EQ("rt-2", stored()["refresh_token"].asString());
+    EXPECT_EQ("invalid_client", failure().serverError());
+}
+
+// Another process renewed the tokens while we were asking.
+TEST_F(SessionTest, RefusedRefreshToken_TokensOfAnotherAreTaken) {
+    token();
+    const std::string old = readFile(tokenFile());
+    for (const bool expired : {false, true}) {
+        restart();
+        out().advance(2h);
+        out().refreshTokens.insert("rt-other");
+        Json::Value other = stored();
+        other["access_token"] = "at-other";
+        other["refresh_token"] = "rt-other";
+        other["expires_at"] =
+            static_cast<double>(out().wall.count() / 1'000'000'000) + (expired ? -10 : 1000);
+        out().intercept = [&](const Request& request, Answer& answer) {
+            writeFile(tokenFile(), other.toStyledString());
+            answer = {400, R"({"error":"invalid_grant"})"};
+            return outside::parameterOf(request.form, "refresh_token") != "rt-other";
+        };
+        writeFile(tokenFile(), old);
+        EXPECT_EQ(expired ? "at-3" : "at-other", token());
+    }
+}
+
+TEST_F(SessionTest, ReplyWithoutRefreshTokenOrScope_KeepsTheOldOnes) {
+    token();
+    out().advance(2h);
+    for (const char* const refresh : {"", R"(,"refresh_token":null)", R"(,"refresh_token":"")"}) {
+        answerTokens({200, std::string(R"({"access_token":"new","token_type":"bEARER")") + refresh +
+                               R"(,"expires_in":"60","id_token":"id"})"});
+        EXPECT_EQ("new", token());
+        EXPECT_EQ("rt-2", stored()["refresh_token"].asString());
+        EXPECT_EQ("id", stored()["id_token"].asString());
+        out().advance(2h);
+    }
+}
+
+struct BadReply {
+    Answer answer;
+    int code;
+    Remedy remedy = Remedy::tryLater;
+};
+
+TEST_F(SessionTest, SenselessReplies_CloseTheGateAndKeepTheFile) {
+    token();
+    const std::string before = readFile(tokenFile());
+    const auto body = [](const std::string& text) { return Answer{200, text}; };
+    const std::vector<BadReply> replies = {
+        {body(""), 2},
+        {body("<html>"), 2},
+        {body("[]"), 2},
+        {body(std::string(3000, '[')), 2},
+        {body(R"({"access_token":"a","token_type":"Bearer"} x)"), 2},
+        {body("{}"), 36},
+        {body(R"({"access_token":"","token_type":"Bearer"})"), 36},
+        {body(R"({"access_token":null,"token_type":"Bearer"})"), 36},
+        {body(R"({"access_token":7,"token_type":"Bearer"})"), 36},
+        {body(R"({"access_token":"a b","token_type":"Bearer"})"), 36},
+        {body(R"({"access_token":"a\u007f","token_type":"Bearer"})"), 36},
+        {body(R"({"access_token":"a","token_type":"mac"})"), 36},
+        {body(R"({"access_token":"a"})"), 36},
+        {{200, std::string(65537, ' ')}, 36},
+        {{201, "{}"}, 16},
+        {{302, "", "https://auth.test/x"}, 16},
+        {{408}, 14},
+        {{425}, 14},
+        {{429}, 14},
+        {{404}, 14, Remedy::fixSettings},
+        {{503}, 17},
+        {{500}, 15},
+        {{600}, 16},
+        {{500, R"({"error":"access_denied"})"}, 37, Remedy::linkAccount},
+        {{500, R"({"error":"invalid_scope"})"}, 15},
+        {{403, R"({"error":"slow_down"})"}, 37},
+        {{403, R"({"error":"consent_required"})"}, 37, Remedy::linkAccount},
+        {{403, R"({"error":"invalid_scope"})"}, 37, Remedy::fixSettings},
+        {{403, R"({"error":"a\"b"})"}, 14, Remedy::fixSettings},
+        {{403, R"({"error":"has rt-2 inside"})"}, 14, Remedy::fixSettings},
+        {{403, R"({"error":")" + std::string(101, 'e') + R"("})"}, 14, Remedy::fixSettings},
+        {{200, "{", "", {}, CURLE_PARTIAL_FILE}, 26},
+        {{200, "{}", "", {}, CURLE_OK, true}, 26},
+        {{0, "", "", {}, CURLE_OPERATION_TIMEDOUT}, 32},
+        {{0, "", "", {}, CURLE_COULDNT_RESOLVE_HOST}, 31},
+        {{0, "", "", {}, CURLE_COULDNT_RESOLVE_PROXY}, 31},
+        {{0, "", "", {}, CURLE_PEER_FAILED_VERIFICATION}, 33, Remedy::checkDevice},
+        {{0, "", "", {}, CURLE_SSL_CACERT_BADFILE}, 25, Remedy::checkDevice},
+    };
+    for (const BadReply& reply : replies) {
+        SCOPED_TRACE(reply.answer.body.substr(0, 80) + " " + std::to_string(reply.answer.status));
+        out().advance(2h);
+        restart();
+        answerTokens(reply.answer);
+        const auto first = failure();
+        EXPECT_EQ(reply.code, first.errCode()) << first.what();
+        EXPECT_EQ(reply.remedy, first.remedy());
+        EXPECT_EQ(before, readFile(tokenFile()));
+        const auto requests = out().requests.size();
+        const auto second = failure();
+        EXPECT_STREQ(first.what(), second.what());
+        EXPECT_EQ(first.serverError(), second.serverError());
+        EXPECT_EQ(requests, out().requests.size());
+        EXPECT_GE(second.retryAfter(), 1s);
+        EXPECT_LE(second.retryAfter(), reply.remedy == Remedy::linkAccount ? 60s : 300s);
+    }
+    out().advance(2h);
+    out().intercept = nullptr;
+    token();
+    EXPECT_EQ("/token refresh", urls().back());
+}
+
+TEST_F(SessionTest, LargestReply_IsRead) {
+    std::string body = R"({"access_token":"big","token_type":"Bearer"})";
+    answerTokens({200, body + std::string(65536 - body.size(), ' ')});
+    EXPECT_EQ("big", token());
+}
+
+// A new refresh token must not be lost, because the old one is spent.
+TEST_F(SessionTest, NewRefreshTokenInASenselessReply_IsStored) {
+    token();
+    out().advance(2h);
+    answerTokens({200, R"({"access_token":null,"refresh_token":"rt-new"})"});
+    expectFailure(36, Remedy::tryLater);
+    EXPECT_EQ("rt-new", stored()["refresh_token"].asString());
+    out().advance(10min);
+    out().refreshTokens = {"rt-new"};
+    out().intercept = nullptr;
+    token();
+    EXPECT_EQ("/token refresh", urls().back());
+}
+
+struct Lifetime {
+    std::string json;
+    double seconds;  // below 0: none named
+};
+
+TEST_F(SessionTest, Lifetimes_AreReadAsNumbersAndTexts) {
+    const double tenYears = 10 * 365.25 * 24 * 3600;
+    const std::vector<Lifetime> lifetimes = {
+        {"60", 60},
+        {"60.5", 60.5},
+        {"\"60\"", 60},
+        {"\"60.25\"", 60.25},
+        {"0", 0},
+        {"-5", 0},
+        {"\"-5\"", 0},
+        {"1e30", tenYears},
+        {"\"99999999999\"", tenYears},
+        {"true", -1},
+        {"null", -1},
+        {"\"\"", -1},
+        {"\"1e3\"", -1},
+        {"\" 60\"", -1},
+        {"\"+60\"", -1},
+        {"\"inf\"", -1},
+        {"\"60s\"", -1},
+        {"{}", -1},
+        {"[]", -1},
+        {"\"1" + std::string(400, '0') + "\"", tenYears},
+    };
+    for (const Lifetime& lifetime : lifetimes) {
+        SCOPED_TRACE(lifetime.json);
+        out().advance(11 * 366 * 24h);
+        session().signOut();
+        answerTokens({200, R"({"access_token":"a","token_type":"Bearer","expires_in":)" +
+                               lifetime.json + "}"});
+        const AccessToken given = session().accessToken();
+        if (lifetime.seconds < 0) {
+            EXPECT_EQ(std::chrono::system_clock::time_point::max(), given.expires);
+            EXPECT_FALSE(stored().isMember("expires_at"));
+            out().advance(9 * 366 * 24h);
+            const auto requests = out().requests.size();
+            token();
+            EXPECT_EQ(requests, out().requests.size());
+        } else {
+            const auto left = given.expires.time_since_epoch() - out().wall;
+            EXPECT_NEAR(lifetime.seconds, std::chrono::duration<double>(left).count(), 0.001);
+        }
+        const auto requests = out().requests.size();
+        out().intercept = nullptr;
+        token();  // one that ended when it came was given once
+        EXPECT_EQ(lifetime.seconds == 0 ? requests + 3 : requests, out().requests.size());
+    }
+}
+
+// ---- The gate
+// ------------------------------------------------------------------------------------
+
+TEST_F(SessionTest, RetryAfter_IsKeptToAlsoAfterARestartAndAnotherBoot) {
+    answerTokens({503, "", "", {"retry-after:  120 "}});
+    EXPECT_EQ(120s, failure().retryAfter());
+    out().advance(60s);
+    restart();
+    EXPECT_EQ(60s, failure().retryAfter());
+    out().wall += 10 * 365 * 24h;
+    EXPECT_EQ(60s, failure().retryAfter());
+    out().wall -= 20 * 365 * 24h;
+    out().advance(59s);
+    EXPECT_EQ(1s, failure().retryAfter());
+    out().intercept = nullptr;
+    EXPECT_EQ(3U, out().requests.size());
+    out().advance(1s);
+    token();
+}
+
+TEST_F(SessionTest, RetryAfter_Values) {
+    const std::string date = "Date: Sun, 06 Nov 1994 08:49:37 GMT";
+    const std::vector<std::pair<std::vector<std::string>, std::pair<int, int>>> values = {
+        {{"Retry-After: 5"}, {5, 5}},
+        {{"Retry-After: 999999"}, {3600, 3600}},
+        {{"Retry-After: 7000"}, {3600, 3600}},
+        {{"Retry-After: Sun, 06 Nov 1994 08:50:37 GMT", date}, {60, 60}},
+        {{date, "Retry-After: Sun, 06 Nov 1994 08:50:07 GMT"}, {30, 30}},
+        {{"Retry-After: Sun, 06 Nov 1994 08:50:37 GMT"}, {1, 2}},
+        {{"Retry-After: Sun, 06 Nov 1994 08:49:00 GMT", date}, {1, 2}},
+        {{"Retry-After: 0"}, {1, 2}},
+        {{"Retry-After: -3"}, {1, 2}},
+        {{"Retry-After: soon", date}, {1, 2}},
+        {{"Retry-After:"}, {1, 2}},
+    };
+    for (const auto& [headers, range] : values) {
+        SCOPED_TRACE(headers[0]);
+        answerTokens({503, "", "", headers});
+        const auto wait = failure().retryAfter();
+        EXPECT_GE(wait.count(), range.first);
+        EXPECT_LE(wait.count(), range.second);
+        session().signOut();  // opens the gate
+    }
+}
+
+TEST_F(SessionTest, BackOff_DoublesItsBoundUpToFiveMinutes) {
+    answerTokens({503});
+    std::chrono::seconds bound = 2s;
+    std::chrono::seconds longest = 0s;
+    for (int i = 0; i < 60; ++i) {
+        const auto wait = failure().retryAfter();
+        EXPECT_GE(wait, 1s);
+        EXPECT_LE(wait, bound);
+        longest = std::max(longest, wait);
+        bound = std::min<std::chrono::seconds>(bound * 2, 5min);
+        out().advance(wait);
+    }
+    EXPECT_GT(longest, 200s);
+}
+
+TEST_F(SessionTest, GateOfAnotherAccountOrDamaged_IsOpen) {
+    answerTokens({503, "", "", {"Retry-After: 3600"}});
+    failure();
+    out().account = "account-2";
+    out().intercept = nullptr;
+    token();
+    answerTokens({503, "", "", {"Retry-After: 3600"}});
+    out().advance(2h);
+    failure();
+    const std::string gate = tokenFile() + ".work/gate";
+    std::string content = readFile(gate);
+    content[60] ^= 1;
+    writeFile(gate, content);
+    out().intercept = nullptr;
+    token();
+}
+
+// ---- Renewing a refused token
+// --------------------------------------------------------------------
+
+TEST_F(SessionTest, Renew_WaitsUntilTheTokenIsOldEnough) {
+    const std::string first = token();
+    EXPECT_EQ(10s, failure([&] { renew(first); }).retryAfter());
+    expectFailure(40, Remedy::tryLater, [&] { renew(first); });
+    EXPECT_EQ(first, token());
+    out().advance(10s);
+    const std::string second = session().renew(first).text;
+    EXPECT_NE(first, second);
+    EXPECT_EQ(second, session().renew(first).text);  // already renewed
+    EXPECT_EQ(20s, failure([&] { renew(second); }).retryAfter());
+    out().advance(20s);
+    const std::string third = session().renew(second).text;
+    restart();
+    EXPECT_EQ(40s, failure([&] { renew(third); }).retryAfter());
+    out().advance(11min);
+    const std::string fourth = session().renew(third).text;  // calm again
+    out().advance(10s);
+    EXPECT_EQ(10s, failure([&] { renew(fourth); }).retryAfter());
+}
+
+TEST_F(SessionTest, Renew_TokenWithoutLifetime) {
+    answerTokens({200, R"({"access_token":"forever","token_type":"Bearer","refresh_token":"r"})"});
+    token();
+    restart();
+    out().advance(1h);
+    answerTokens({200, R"({"access_token":"next","token_type":"Bearer"})"});
+    EXPECT_EQ("next", session().renew("forever").text);
+}
+
+// ---- The token file
+// ------------------------------------------------------------------------------
+
+TEST_F(SessionTest, UnusableTokenFiles_LeadToASignIn) {
+    token();
+    const Json::Value good = stored();
+    std::vector<std::string> files = {"", "{", "[]", "null", "\"x\""};
+    const auto with = [&](const char* member, const Json::Value& value) {
+        Json::Value changed = good;
+        changed.removeMember("refresh_token");
+        changed[member] = value;
+        files.push_back(changed.toStyledString());
+    };
+    with("session", "other");
+    with("access_token", "a b");
+    with("access_token", 7);
+    with("token_type", "mac");
+    with("expires_at", 2e9);
+    with("expires_at", "soon");
+    with("expires_at", 1e300);
+    with("expires_in", Json::nullValue);
+    for (const std::string& file : files) {
+        SCOPED_TRACE(file);
+        restart();
+        out().requests.clear();
+        writeFile(tokenFile(), file);
+        token();
+        EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token"));
+    }
+}
+
+TEST_F(SessionTest, FileWithoutDigest_ItsRefreshTokenIsUsed) {
+    out().refreshTokens = {"rt-0"};
+    writeFile(tokenFile(), R"({"access_token":"x","token_type":"Bearer","refresh_token":"rt-0"})");
+    EXPECT_EQ("at-1", token());
+    EXPECT_THAT(urls(), ElementsAre("/token refresh"));
+}
+
+TEST_F(SessionTest, AnotherAccount_NothingOfTheFileIsSent) {
+    token();
+    restart();
+    out().account = "account-2";
+    out().requests.clear();
+    token();
+    EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token"));
+}
+
+TEST_F(SessionTest, NoLinkedAccount_IsCode19WithoutARequest) {
+    out().linked = false;
+    expectFailure(19, Remedy::linkAccount);
+    EXPECT_THAT(out().requests, IsEmpty());
+}
+
+// What a killed process left.
+TEST_F(SessionTest, Reserve_WholeOneBecomesTheTokenFile_AnotherIsCleared) {
+    token();
+    const std::string reserve = tokenFile() + ".work/reserve";
+    Json::Value newer = stored();
+    newer["access_token"] = "newer";
+    const std::string whole = newer.toStyledString() + std::string(1000, '\0');
+    newer["session"] = "other";
+    for (const std::string& content : {whole, whole.substr(0, 50), newer.toStyledString()}) {
+        restart();
+        writeFile(reserve, content);
+        EXPECT_EQ("newer", token());
+        EXPECT_FALSE(std::filesystem::exists(reserve));
+    }
+}
+
+TEST_F(SessionTest, TokensThatCannotBeStored_AreGivenAndStoredLater) {
+    token();
+    const std::string before = readFile(tokenFile());
+    out().advance(2h);
+    fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ(before, readFile(tokenFile()));
+    EXPECT_THAT(out().log, ::testing::Contains(HasSubstr("4 orbaoauth2session: ")));
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ(before, readFile(tokenFile()));
+    out().advance(1s);
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ("rt-3", stored()["refresh_token"].asString());
+    EXPECT_EQ(4U, out().requests.size());
+}
+
+TEST_F(SessionTest, FilesOfOthers_AreCheckDevice) {
+    const auto expectUnusable = [&] {
+        restart();
+        expectFailure(38, Remedy::checkDevice);
+        EXPECT_THAT(out().requests, IsEmpty());
+    };
+    std::filesystem::create_symlink("/dev/null", tokenFile());
+    expectUnusable();
+    std::filesystem::remove(tokenFile());
+    std::filesystem::create_directory(tokenFile());
+    expectUnusable();
+    std::filesystem::remove(tokenFile());
+    const std::string work = tokenFile() + ".work";
+    std::filesystem::create_directory_symlink("/tmp", work);
+    expectUnusable();
+    std::filesystem::remove(work);
+    writeFile(work, "");
+    expectUnusable();
+    std::filesystem::remove(work);
+    std::filesystem::create_directory(work);
+    std::filesystem::create_symlink("/dev/null", work + "/lock");
+    expectUnusable();
+    std::filesystem::remove(work + "/lock");
+    std::filesystem::create_symlink("/dev/null", work + "/gate");
+    expectUnusable();
+    std::filesystem::remove(work + "/gate");
+    std::filesystem::permissions(folder, std::filesystem::perms(0770));
+    expectUnusable();
+    std::filesystem::permissions(folder, std::filesystem::perms(01777));
+    token();
+}
+
+TEST_F(SessionTest, FileThatIsTooLarge_CountsAsNone) {
+    writeFile(tokenFile(), std::string(2'000'000, ' '));
+    token();
+    EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token"));
+}
+
+// ---- The web login
+// -------------------------------------------------------------------------------
+
+TEST_F(SessionTest, WebLogin_Failures) {
+    const auto answerAt = [](const std::string& part, const Answer& answer) {
+        out().intercept = [part, answer](const Request& request, Answer& given) {
+            given = answer;
+            return request.url.find(part) != std::string::npos;
+        };
+    };
+    const auto callback = [](const std::string& query) {
+        return Answer{302, "", "https://app.test/cb?" + query};
+    };
+    struct Case {
+        std::string part;
+        Answer answer;
+        int code;
+        Remedy remedy;
+    };
+    const std::vector<Case> cases = {
+        {"/auth?", {200}, 4, Remedy::fixSettings},
+        {"/auth?", {302}, 4, Remedy::fixSettings},
+        {"/auth?", {302, "", "https://auth.test/login"}, 4, Remedy::fixSettings},
+        {"/auth?", {400}, 14, Remedy::fixSettings},
+        {"/auth?", callback("code=c&state=other"), 8, Remedy::tryLater},
+        {"/continue", {200}, 5, Remedy::fixSettings},
+        {"/continue", {302, "", "http://app.test/other"}, 5, Remedy::fixSettings},
+        {"/continue", {302, "", "https://auth.test/continue"}, 5, Remedy::fixSettings},
+        {"/continue", callback("code=c&state=other"), 8, Remedy::tryLater},
+        {"/continue", {502}, 15, Remedy::tryLater},
+    };
+    for (const Case& one : cases) {
+        SCOPED_TRACE(one.part + " " + one.answer.redirect);
+        out().advance(2h);
+        answerAt(one.part, one.answer);
+        out().requests.clear();
+        expectFailure(one.code, one.remedy);
+        EXPECT_LE(out().requests.size(), 11U);
+    }
+    const std::vector<std::tuple<std::string, int, Remedy>> callbacks = {
+        {"error=access_denied", 37, Remedy::linkAccount},
+        {"error=temporarily_unavailable&code=c", 37, Remedy::tryLater},
+        {"error=invalid+scope", 37, Remedy::fixSettings},
+        {"error=%22", 36, Remedy::tryLater},
+        {"code=", 36, Remedy::tryLater},
+        {"xcode=c", 36, Remedy::tryLater},
+        {"", 36, Remedy::tryLater},
+    };
+    for (const auto& [query, code, remedy] : callbacks) {
+        SCOPED_TRACE(query);
+        out().advance(2h);
+        out().intercept = [&query = query](const Request& request, Answer& answer) {
+            answer = {302, "", "https://app.test/cb?" + query + "&state=" + out().state};
+            return request.url == "https://auth.test/continue";
+        };
+        expectFailure(code, remedy);
+    }
+}
+
+TEST_F(SessionTest, WebLogin_TenRedirectsAreFollowed) {
+    int hops = 0;
+    int last = 10;
+    out().intercept = [&](const Request& request, Answer& answer) {
+        if (!request.form.empty() || request.url.find("/auth?") != std::string::npos) {
+            return false;
+        }
+        answer = {302, "", "https://auth.test/hop"};
+        if (++hops == last) {
+            answer.redirect = "https://app.test/cb?code=c&state=" + out().state;
+            out().codes.insert("c");
+        }
+        return true;
+    };
+    token();
+    session().signOut();
+    hops = 0;
+    last = 11;
+    expectFailure(5, Remedy::fixSettings);
+    EXPECT_EQ(10, hops);
+}
+
+TEST_F(SessionTest, AccountServiceFailures) {
+    const auto fails = [&](const std::function<void(Json::Value&)>& login, int code,
+                           Remedy remedy) {
+        out().advance(2h);
+        out().login = login;
+        expectFailure(code, remedy);
+    };
+    using ORBA::OAuth2Client::OAuth2ClientException;
+    fails([](Json::Value& reply) { reply.removeMember("redirect_to"); }, 36, Remedy::tryLater);
+    fails([](Json::Value& reply) { reply["redirect_to"] = 7; }, 36, Remedy::tryLater);
+    fails([](Json::Value& reply) { reply["redirect_to"] = ""; }, 36, Remedy::tryLater);
+    fails([](Json::Value& reply) { reply["redirect_to"] = "file:///x"; }, 5, Remedy::fixSettings);
+    const std::vector<std::pair<int, Remedy>> codes = {
+        {1, Remedy::tryLater},     {2, Remedy::tryLater},     {10, Remedy::checkDevice},
+        {11, Remedy::checkDevice}, {19, Remedy::linkAccount}, {20, Remedy::checkDevice},
+        {21, Remedy::tryLater},    {22, Remedy::linkAccount}};
+    for (const auto& [code, remedy] : codes) {
+        fails([code = code](Json::Value&) { throw OAuth2ClientException(code, "secret"); },
+              code == 1 ? 36 : code, remedy);
+        EXPECT_THAT(out().log.back(), Not(HasSubstr("secret")));
+    }
+    fails([](Json::Value&) { throw 42; }, 1, Remedy::checkDevice);
+}
+
+// ---- Ending
+// --------------------------------------------------------------------------------------
+
+TEST_F(SessionTest, SignOut_RevokesAndRemoves) {
+    Settings given = settings();
+    given.revocationEndpoint = "https://auth.test/revoke";
+    theSession = std::make_unique<Session>(given);
+    EXPECT_TRUE(session().signOut());  // nothing to revoke
+    EXPECT_THAT(out().requests, IsEmpty());
+    token();
+    EXPECT_TRUE(session().signOut());
+    EXPECT_EQ("token=rt-2&token_type_hint=refresh_token&client_id=fleet%20lens",
+              out().requests.back().form);
+    EXPECT_FALSE(std::filesystem::exists(tokenFile()));
+    EXPECT_EQ("6 orbaoauth2session: Signed out.", out().log.back());
+    EXPECT_EQ("at-4", token());
+    for (const Answer& answer : {Answer{500}, Answer{302, "", "https://auth.test/x"}}) {
+        token();
+        out().intercept = [answer](const Request& request, Answer& given2) {
+            given2 = answer;
+            return request.url == "https://auth.test/revoke";
+        };
+        EXPECT_FALSE(session().signOut());
+        EXPECT_FALSE(std::filesystem::exists(tokenFile()));
+    }
+    answerTokens({200, R"({"access_token":"only","token_type":"Bearer"})"});
+    token();
+    out().intercept = nullptr;
+    EXPECT_TRUE(session().signOut());
+    EXPECT_THAT(out().requests.back().form, HasSubstr("token=only&token_type_hint=access_token"));
+    token();
+    out().linked = false;
+    const auto requests = out().requests.size();
+    EXPECT_FALSE(session().signOut());
+    EXPECT_EQ(requests, out().requests.size());
+}
+
+TEST_F(SessionTest, SignOut_WhileTheGateIsClosed_AsksNothing) {
+    Settings given = settings();
+    given.revocationEndpoint = "https://auth.test/revoke";
+    theSession = std::make_unique<Session>(given);
+    token();
+    out().advance(2h);
+    answerTokens({503});
+    failure();
+    const auto requests = out().requests.size();
+    EXPECT_FALSE(session().signOut());
+    EXPECT_EQ(requests, out().requests.size());
+    out().intercept = nullptr;
+    token();  // it opened the gate
+}
+
+TEST_F(SessionTest, Cancel_IsFinal) {
+    token();
+    session().cancel();
+    expectFailure(35, Remedy::cancelled);
+    expectFailure(35, Remedy::cancelled, [&] { renew("x"); });
+    expectFailure(35, Remedy::cancelled, [&] { session().signOut(); });
+}
+
+TEST_F(SessionTest, Cancel_EndsARequestAndLeavesTheGateOpen) {
+    out().intercept = [this](const Request&, Answer& answer) {
+        answer.hangs = true;
+        session().cancel();
+        return true;
+    };
+    expectFailure(35, Remedy::cancelled);
+    restart();
+    out().intercept = nullptr;
+    token();
+}
+
+TEST_F(SessionTest, ServerThatHangs_EndsAt30sOrTheTimeout) {
+    out().intercept = [](const Request&, Answer& answer) { return answer.hangs = true; };
+    auto begin = out().boot;
+    expectFailure(32, Remedy::tryLater);
+    EXPECT_NEAR(30, std::chrono::duration<double>(out().boot - begin).count(), 0.2);
+    out().advance(10min);
+    Settings given = settings();
+    given.timeout = 5s;
+    theSession = std::make_unique<Session>(given);
+    begin = out().boot;
+    failure();
+    EXPECT_NEAR(5, std::chrono::duration<double>(out().boot - begin).count(), 0.2);
+}
+
+TEST_F(SessionTest, LockOfAnotherProcess_IsWaitedForUntilTheTimeout) {
+    token();
+    out().advance(2h);
+    const int locked = open((tokenFile() + ".work/lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(0, flock(locked, LOCK_EX));
+    const auto begin = out().boot;
+    expectFailure(39, Remedy::tryLater);
+    EXPECT_NEAR(120, std::chrono::duration<double>(out().boot - begin).count(), 0.3);
+    close(locked);
+    token();
+}
+
+TEST_F(SessionTest, ForkedChild_IsRefusedAndMakesItsOwn) {
+    token();
+    const pid_t child = fork();
+    if (child == 0) {
+        bool refused = false;
+        try {
+            token();
+        } catch (const SessionException& exception) {
+            refused = exception.errCode() == 34 && exception.remedy() == Remedy::fixSettings;
+        }
+        Session own(settings());
+        const bool works = own.accessToken().text == "at-2";
+        theSession.reset();
+        _exit(refused && works ? 0 : 1);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    EXPECT_EQ(0, status);
+}
+
+TEST_F(SessionTest, ManyThreads_ShareOneRequest) {
+    std::vector<std::thread> threads;
+    std::atomic<int> good{0};
+    session();
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] { good += token() == "at-2" ? 1 : 0; });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(8, good);
+    EXPECT_EQ(3U, out().requests.size());
+}
+
+// ---- Settings
+// ------------------------------------------------------------------------------------
+
+TEST_F(SessionTest, RefusedSettings_AreNamed) {
+    struct Case {
+        std::string member;
+        std::function<void(Settings&)> change;
+    };
+    const auto set = [](std::string Settings::*member, const std::string& value) {
+        return [member, value](Settings& given) { given.*member = value; };
+    };
+    std::vector<Case> cases;
+    const std::vector<std::pair<std::string, std::string Settings::*>> members = {
+        {"authorizationEndpoint", &Settings::authorizationEndpoint},
+        {"tokenEndpoint", &Settings::tokenEndpoint},
+        {"clientId", &Settings::clientId},
+        {"redirectUri", &Settings::redirectUri},
+        {"scope", &Settings::scope},
+        {"tokenFile", &Settings::tokenFile},
+        {"revocationEndpoint", &Settings::revocationEndpoint}};
+    for (const auto& [name, member] : members) {
+        if (name != "revocationEndpoint") {
+            cases.push_back({name, set(member, "")});
+        }
+        cases.push_back({name, [member = member](Settings& given) { given.*member += "\n"; }});
+        cases.push_back({name, [member = member](Settings& given) { given.*member += "\x7f"; }});
+        if (name.find("Endpoint") != std::string::npos) {
+            for (const char* const url :
+                 {"http://auth.test/", "auth.test", "https://", "x", "https://a/#f"}) {
+                cases.push_back({name, set(member, url)});
+            }
+        }
+    }
+    for (const char* const uri : {"app://cb", "https://x", "HTTPS://X/cb", "https://x/a/../b",
+                                  "https://app.test/cb#f", "https://host?x=1"}) {
+        cases.push_back({"redirectUri", set(&Settings::redirectUri, uri)});
+    }
+    cases.push_back({"tokenFile", set(&Settings::tokenFile, "tokens.json")});
+    cases.push_back({"tokenFile", set(&Settings::tokenFile, "/tmp/")});
+    cases.push_back({"margin", [](Settings& given) { given.margin = -1s; }});
+    cases.push_back({"timeout", [](Settings& given) { given.timeout = 999ms; }});
+    for (const Case& one : cases) {
+        Settings given = settings();
+        given.revocationEndpoint = "https://auth.test/revoke";
+        one.change(given);
+        const auto exception = failure([&] { const Session session(given); });
+        EXPECT_EQ(34, exception.errCode());
+        EXPECT_EQ(Remedy::fixSettings, exception.remedy());
+        EXPECT_THAT(exception.what(), HasSubstr("setting " + one.member));
+    }
+    for (const char* const uri : {"https://app.test/cb?x=1", "https://h:443/cb", "app.x://cb/y"}) {
+        Settings given = settings();
+        given.redirectUri = uri;
+        EXPECT_NO_THROW(const Session session(given)) << uri;
+    }
+}
+
+TEST(SessionExceptions, CarryWhatTheyAreMadeOf) {
+    const SessionException made(37, "text", Remedy::linkAccount, 5s, "access_denied");
+    const SessionException copy = made;  // NOLINT(performance-unnecessary-copy-initialization)
+    EXPECT_EQ(37, copy.errCode());
+    EXPECT_STREQ("text", copy.what());
+    EXPECT_EQ(Remedy::linkAccount, copy.remedy());
+    EXPECT_EQ(5s, copy.retryAfter());
+    EXPECT_EQ("access_denied", copy.serverError());
+    SessionException assigned(1, "", Remedy::tryLater);
+    assigned = made;
+    EXPECT_EQ("access_denied", assigned.serverError());
+}
+
+}  // namespace
