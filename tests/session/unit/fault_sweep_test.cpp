@@ -40,7 +40,9 @@ class SessionFaults : public SessionTest {
                 SCOPED_TRACE(situation + ": " + name + " " + std::to_string(n));
                 begin();
                 fakes::world().failAt[name] = n;
+                const auto descriptors = openDescriptors();
                 attempt(run);
+                EXPECT_EQ(descriptors, openDescriptors());
                 ++faults;
                 fakes::world().failAt.clear();
                 expectWholeFile();
@@ -54,6 +56,11 @@ class SessionFaults : public SessionTest {
         }
         std::printf("[  SWEEP   ] %s: %d faults\n", situation.c_str(), faults);
         EXPECT_GT(faults, 50);
+    }
+
+    static std::ptrdiff_t openDescriptors() {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
     }
 
     void attempt(const std::function<void()>& run) {

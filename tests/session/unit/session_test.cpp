@@ -341,7 +341,7 @@ struct Lifetime {
 };
 
 TEST_F(SessionTest, Lifetimes_AreReadAsNumbersAndTexts) {
-    const double tenYears = 10 * 365.25 * 24 * 3600;
+    const double tenYears = 3650.0 * 24 * 3600;
     const std::vector<Lifetime> lifetimes = {
         {"60", 60},
         {"60.5", 60.5},
