@@ -99,7 +99,8 @@ test_Node_FromElsewhereIsKept_MissingIsInstalled_OldIsRefused() {
     expect_contains "$(tail -n 1 "$work/calls")" "install --no-install-recommends nodejs npm" "apt-get"
     without_packages
     make_command "$PATH" node <<<"echo v16.20.2"
-    run scripts/setup --reference
+    make_command "$PATH" npm <<<""
+    run scripts/setup --demo
     expect_refusal 1 "Node.js 16.20.2"
 }
 

@@ -74,7 +74,10 @@ class ORBA_OAUTH2SESSION_API SessionException : public OAuth2Client::OAuth2Clien
                      std::chrono::seconds retryAfter = {}, const std::string& serverError = {});
 
     ~SessionException() override;
+    /// @brief Copies the exception.
     SessionException(const SessionException&);
+    /// @brief Copies the exception.
+    /// @return This object.
     SessionException& operator=(const SessionException&);
 
     /// @return What to do.

@@ -45,6 +45,7 @@ struct Settings {
 /// @brief An access token, its end and its scope.
 struct AccessToken {
     std::string text;  ///< The token, for the header `Authorization: Bearer`.
+
     /// When it expires, by this device's clock: for display. max() if the server names no lifetime.
     std::chrono::system_clock::time_point expires;
     std::string scope;  ///< The scope that the server granted, else the one requested.
