@@ -227,14 +227,6 @@ describe('A reply', CONCURRENCY, () => {
 });
 
 describe('The pause between attempts', () => {
-    test('is half a second, and the same before the third attempt', async (t) => {
-        const server = await startServer(t, [drop, drop, GREETING]);
-        succeeded(await startDevice(t).getJson(server.url));
-        const taken = pauses(server);
-        assert.equal(taken.length, 2);
-        for (const pause of taken) assert.ok(pause >= PAUSE && pause < 950, `${pause} ms`);
-    });
-
     test('is not shortened by a storm of signals', async (t) => {
         const device = startDevice(t);
         let storm;

@@ -24,7 +24,7 @@ function drip(seconds) {
 
 function assertSeconds(answered, seconds) {
     const {seconds: taken} = answered;
-    assert.ok(taken >= seconds && taken < seconds + 5, `took ${taken} s`);
+    assert.ok(taken >= seconds && taken < 2 * seconds, `took ${taken} s`);
 }
 
 async function assertTimedOut(t, script, url = (server) => server.url) {
@@ -35,7 +35,7 @@ async function assertTimedOut(t, script, url = (server) => server.url) {
     assert.equal(server.arrivals.length, 3);
     const [first, second, third] = server.arrivals;
     for (const gap of [second - first, third - second]) {
-        assert.ok(gap > 30000 && gap < 35000, `${gap} ms from attempt to attempt`);
+        assert.ok(gap > 30000 && gap < 60000, `${gap} ms from attempt to attempt`);
     }
 }
 

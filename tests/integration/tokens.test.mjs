@@ -4,8 +4,7 @@ import {describe, test} from 'node:test';
 
 import {Certificates, GOOD} from './certificates.mjs';
 import {
-    NOT_JSON, assertRequestFailed, assertTransferFailed, drop, json, pathOf, reply, startDevice,
-    startServer, succeeded,
+    assertTransferFailed, drop, json, pathOf, reply, startDevice, startServer, succeeded,
 } from './lab.mjs';
 
 const CONCURRENCY = {concurrency: 8};
@@ -58,12 +57,6 @@ for (const operation of ['exchange', 'refresh']) {
             assert.equal(lab.stored(), '{\n\t"a" : 1\n}\n');
         });
 
-        test('is stored without tokens, too', async (t) => {
-            const lab = await start(t, json({error: 'invalid_grant'}));
-            succeeded(await lab[operation]());
-            assert.equal(lab.stored(), '{\n\t"error" : "invalid_grant"\n}\n');
-        });
-
         test('is stored even of a redirect, which is not followed', async (t) => {
             const script = reply(302, {headers: ['Location: /other'], body: '{"a": 1}'});
             const lab = await start(t, script);
@@ -100,13 +93,6 @@ for (const operation of ['exchange', 'refresh']) {
             });
         }
 
-        test('that is not JSON leaves the file as it is', async (t) => {
-            const lab = await start(t, reply(200, {body: '<html>'}));
-            const answered = await lab[operation]();
-            assertRequestFailed(answered, lab.url, 2, NOT_JSON);
-            assert.deepEqual([lab.stored(), answered.printed], [OLD, '']);
-        });
-
         test('that does not come leaves the file as it is', async (t) => {
             const lab = await start(t, drop);
             assertTransferFailed(await lab[operation](), lab.url, 26, 52);
@@ -121,22 +107,10 @@ for (const operation of ['exchange', 'refresh']) {
             assert.equal(lab.stored(), OLD);
             assert.deepEqual(lab.server.requests, []);
         });
-
-        test('is not asked for without a URL', async (t) => {
-            const lab = await start(t, json(TOKENS));
-            assertRequestFailed(await lab[operation]({url: ''}), '', 12, 'Got empty URL.');
-            assert.equal(lab.stored(), OLD);
-        });
     });
 }
 
 describe('The exchange of a code', CONCURRENCY, () => {
-    test('makes the token file', async (t) => {
-        const lab = await start(t, json(TOKENS), {old: null});
-        succeeded(await lab.exchange());
-        assert.equal(lab.stored(), STORED);
-    });
-
     test('sends its values as they are', async (t) => {
         const lab = await start(t, json(TOKENS));
         succeeded(await lab.exchange({
@@ -207,13 +181,6 @@ describe('The refresh of tokens', CONCURRENCY, () => {
             'grant_type=refresh_token&refresh_token=r2&client_id=nas',
         ]);
         assert.equal(lab.stored(), '{\n\t"refresh_token" : "r3"\n}\n');
-    });
-
-    test('has no token to send when the last reply held none', async (t) => {
-        const lab = await start(t, json({access_token: 'a1'}));
-        succeeded(await lab.refresh());
-        succeeded(await lab.refresh());
-        assert.match(bodyOf(lab.server.requests[1]), /&refresh_token=&client_id=/);
     });
 });
 

@@ -280,3 +280,11 @@ test_ordinary_Checkout_ReadOnly_IsUsedAllTheSame() {
     expect_equal "$output" ran "output"
     [[ -x ~/.cache/orba/sandbox-init ]] || fail "nothing in the cache"
 }
+
+test_Sandboxes_AtTheSameTime_DoNotDisturbEachOther() {
+    local number
+    rm -f build/sandbox-init
+    for number in 1 2 3 4; do scripts/sandbox touch "build/$number" & done
+    wait
+    expect_equal "$(echo build/*)" "build/1 build/2 build/3 build/4 build/sandbox-init" "what they left"
+}
