@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <new>
 #include <string_view>
 #include <system_error>
 
@@ -136,6 +137,18 @@ bool isServerError(const std::string& text, const std::vector<std::string>& sent
            std::none_of(sent.begin(), sent.end(), isIn);
 }
 
+Failure currentFailure() {
+    try {
+        throw;
+    } catch (const Failure& failure) {
+        return failure;
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (...) {
+        return makeFailure(kUnexpectedException, "An unexpected exception was caught");
+    }
+}
+
 SessionException toException(const Failure& failure) {
     return {failure.code, failure.text, failure.remedy,
             std::chrono::ceil<seconds>(failure.retryAfter), failure.serverError};
@@ -159,6 +172,12 @@ void logInfo(const std::string& what) { syslog(LOG_INFO, "orbaoauth2session: %s"
 
 void logWarning(const std::string& what) {
     syslog(LOG_WARNING, "orbaoauth2session: %s", what.c_str());
+}
+
+void logFailure(const Failure& failure) {
+    if (!failure.repeated) {
+        logWarning(failure.text);
+    }
 }
 
 void Call::check() const {

@@ -74,6 +74,9 @@ bool countsInStatus(const std::string& error, long status);
 // Whether the text is an `error` by RFC 6749, 5.2, and holds none of what was just sent.
 bool isServerError(const std::string& text, const std::vector<std::string>& sent);
 
+// The exception that is being handled; std::bad_alloc passes.
+Failure currentFailure();
+
 SessionException toException(const Failure& failure);
 
 // Scheme and host of a URL, which is all of it that a text may hold.
@@ -81,6 +84,9 @@ std::string hostOf(const std::string& url);
 
 void logInfo(const std::string& what);
 void logWarning(const std::string& what);
+
+// Once: not what the gate repeats.
+void logFailure(const Failure& failure);
 
 // The limits of one call, and what it did.
 struct Call {

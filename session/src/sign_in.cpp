@@ -67,7 +67,7 @@ std::string codeOfCallback(const std::string& callback, const Settings& settings
     if (isServerError(error, {state, verifier})) {
         throw failureOfServerError(error, server, false);
     }
-    const std::string code = queryParameter(query, "code").value_or("");
+    std::string code = queryParameter(query, "code").value_or("");
     if (code.empty()) {
         fail(kSenselessReply, "The callback of " + hostOf(server) + " has neither code nor error");
     }
@@ -97,8 +97,7 @@ void logUselessGrant(const Failure& failure) {
 
 std::optional<std::string> codeByGrant(const Settings& settings, Call& call,
                                        const std::string& state) {
-    const std::optional<std::string> grant =
-        askForGrant(authorizationUrl(settings, state, ""), call);
+    std::optional<std::string> grant = askForGrant(authorizationUrl(settings, state, ""), call);
     call.check();
     if (!grant || grant->empty() || !startsWith(*grant, settings.redirectUri)) {
         return grant;
