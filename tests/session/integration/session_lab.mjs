@@ -159,6 +159,9 @@ export class Cloud {
         '/device/api/fleet_lens_grant': 'grant',
     };
 
+    // The bytes with which the endpoint would answer.
+    answerTo = (name, request) => this.#endpoints[name](request);
+
     async #serve(connection) {
         const raw = await connection.request();
         const [head, body] = raw.split('\r\n\r\n');
@@ -171,6 +174,7 @@ export class Cloud {
             return [text.slice(0, colon).toLowerCase(), text.slice(colon + 1).trim()];
         }));
         const request = {name, method, path: pathname, headers, body, time: performance.now(),
+            target: [...searchParams],
             query: Object.fromEntries(searchParams),
             form: Object.fromEntries(new URLSearchParams(body))};
         this.requests.push(request);
@@ -307,7 +311,8 @@ export class World {
             .open({...this.settings, ...settings}, name ?? `session ${this.#services}`);
     }
 
-    stored = () => JSON.parse(readFileSync(this.tokenFile, 'utf8'));
+    read = (path) => readFileSync(path, 'utf8');
+    stored = () => JSON.parse(this.read(this.tokenFile));
     store = (value, mode = 0o600) => writeFileSync(this.tokenFile,
         typeof value === 'string' ? value : JSON.stringify(value), {mode});
 }
