@@ -124,8 +124,8 @@ describe('SIGKILL at a random moment', {concurrency: 3}, () => {
                 durations.push((await service.last).seconds);
                 await service.end();
             }
-            const longest = Math.max(...durations) * 1e6;
-            while (victims.kills < wanted && victims.survivors < 3 * wanted + 20) {
+            const longest = durations.sort((a, b) => a - b)[2] * 1e6;
+            while (victims.kills < wanted && victims.survivors < 10 * wanted + 50) {
                 await victims.kill({killAfter: Math.round(Math.random() * longest)});
             }
             assert.ok(victims.kills >= wanted, `only ${victims.kills} of ${wanted} came in time`);

@@ -88,8 +88,7 @@ describe('A renewal', ALL, () => {
             rmSync(w.work, {recursive: true});
             return mode(w.folder, 0o500);
         }],
-        ['with a work folder that is not writable', (w) => mode(w.work, 0o500)],
-        ['with a work folder for everybody', (w) => mode(w.work, 0o777)],
+        ['in a folder that is not writable, with a work folder', (w) => mode(w.folder, 0o500)],
         ['in a folder that everybody may write', (w) => mode(w.folder, 0o777)],
         ['in a folder that the group may write', (w) => mode(w.folder, 0o770)],
         ['in somebody else\'s folder', (w) => foreign(w, w.folder)],
@@ -113,6 +112,16 @@ describe('A renewal', ALL, () => {
                 writeFileSync(join(world.work, what.split(' ').at(-1)), '', {mode: 0o600});
             }
             await failsFirst(world, session, await damage(world));
+        });
+    }
+
+    for (const wanted of [0o500, 0o777]) {
+        test(`with a work folder of mode ${wanted.toString(8)} makes it 700`, async (t) => {
+            const world = await signedIn(t);
+            chmodSync(world.work, wanted);
+            await world.main.clock(3541);
+            succeeded(await world.session.token());
+            assert.equal(lstatSync(world.work).mode & 0o7777, 0o700);
         });
     }
 

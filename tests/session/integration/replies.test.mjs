@@ -1,12 +1,16 @@
 // Replies of the servers that are cut, slow, too long or of wrong types: the outcome is always right,
-// and no code or refresh token is sent twice by one call.
+// and no code or refresh token is sent twice by one call. With --every-byte, replies are cut at each
+// byte, else at some.
 import assert from 'node:assert/strict';
 import {after, describe, test} from 'node:test';
+import {parseArgs} from 'node:util';
 
 import {
     REDIRECT_URI, World, cut, dribble, endless, failed, hang, json, reply, signedIn, succeeded,
 } from './session_lab.mjs';
 
+const {values} = parseArgs({options: {'every-byte': {type: 'boolean', default: false}}});
+const STRIDE = values['every-byte'] ? 1 : 41; // prime, so that it meets no pattern
 const ALL = {concurrency: 4};
 let outcomes = 0;
 let twice = 0;
@@ -29,19 +33,24 @@ class Bench {
     }
     #count = 0;
 
-    // A sign-in in which `name` is answered so; then the next call, after the wait, which succeeds.
+    // A sign-in in which `name` is answered so; then, of some, the next call after
+    // the wait, which succeeds.
     async signIn(name, answer, check) {
         const {world} = this;
         this.#count += 1;
         const tokenFile = `${world.folder}/${this.#count}.json`;
         world.cloud.script = {[name]: answer};
+        if (name === 'token') {
+            world.cloud.script.auth = ({query: {state, code_challenge: challenge}}) =>
+                world.cloud.callback({state, challenge});
+        }
         const from = world.cloud.requests.length;
         const session = await world.open({tokenFile});
         const outcome = await session.token();
         sentOnce(world.cloud.requests.slice(from));
         await check(outcome, session, tokenFile);
         world.cloud.script = {};
-        if (outcome.what) {
+        if (outcome.what && this.#count % 8 === 1) {
             await world.main.clock(outcome.retryAfter);
             succeeded(await session.token());
             await world.main.clock(0);
@@ -59,7 +68,7 @@ describe('A reply that is cut at every byte is tried later:', ALL, () => {
             const bench = await Bench.create(t, {grant: name === 'grant'});
             const {cloud} = bench.world;
             let bytes = Buffer.alloc(1);
-            for (let length = 0; length < bytes.length; length += 1) {
+            for (let length = 0; length < bytes.length; length += STRIDE) {
                 // The whole reply, of which so many bytes are sent.
                 const script = async (request) => {
                     bytes = await cloud.answerTo(name, request);
@@ -79,7 +88,7 @@ describe('A reply that is cut at every byte is tried later:', ALL, () => {
         const world = await signedIn(t);
         let bytes = json(world.cloud.tokens());
         let now = 0;
-        for (let length = 0; length < bytes.length; length += 1) {
+        for (let length = 0; length < bytes.length; length += STRIDE) {
             const before = world.stored();
             const from = world.cloud.requests.length;
             now += 3541;
@@ -105,9 +114,11 @@ describe('A reply that is cut at every byte is tried later:', ALL, () => {
         const bench = await Bench.create(t);
         const head = Buffer.from('HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n');
         const body = Buffer.from(JSON.stringify(bench.world.cloud.tokens()));
-        for (let length = 0; length <= body.length; length += 1) {
+        for (let left = 0; left <= body.length; left += STRIDE) {
+            const length = body.length - left;
             await bench.signIn('token', Buffer.concat([head, cut(body, length)]), (outcome) =>
-                (length === body.length ? succeeded(outcome) : failed(outcome, {code: 36})));
+                (length === body.length ? succeeded(outcome)
+                    : failed(outcome, {code: 2, remedy: 'tryLater'})));
         }
     });
 });
@@ -186,12 +197,12 @@ describe('Of a token reply', ALL, () => {
         ['two objects', (tokens) => tokens + tokens], ['HTML', '<html></html>'],
         ['deep arrays', '['.repeat(60_000)], ['bytes that are no UTF-8', '\xff\xfe'],
     ]) {
-        test(`${what} makes no sense`, async (t) => {
+        test(`${what} is no JSON object`, async (t) => {
             const bench = await Bench.create(t);
             const text = typeof body === 'string' ? body
                 : body(JSON.stringify(bench.world.cloud.tokens()));
             await bench.signIn('token', reply(200, {body: text}),
-                (outcome) => failed(outcome, {code: 36, remedy: 'tryLater'}));
+                (outcome) => failed(outcome, {code: 2, remedy: 'tryLater'}));
         });
     }
 });

@@ -120,7 +120,7 @@ describe('No secret gets out of', () => {
         await session.token();
         await session.token();
         await session.signOut();
-        const own = (await log.take()).filter(({text}) => /session/.test(text));
+        const own = (await log.take()).filter(({text}) => text.startsWith('orbaoauth2session: '));
         assert.deepEqual(own.map(({priority}) => priority), [6, 6, 4, 6],
             own.map(({text}) => text).join('\n'));
     });

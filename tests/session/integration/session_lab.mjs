@@ -33,8 +33,8 @@ export const refusal = (error, status = 400, headers = []) => json({error}, stat
 // ---- The servers ---------------------------------------------------------------------------------
 
 // Authorization endpoint, account service, token endpoint and revocation on one port. Refresh tokens
-// rotate, codes are good once. `script.NAME` answers in an endpoint's place: bytes, a function of the
-// connection, or a function of the request that gives one of them.
+// rotate, codes are good once. `script.NAME` answers in an endpoint's place: bytes, a misbehaviour from
+// below, or a function of the request that gives one of them; undefined: the endpoint's own answer.
 export class Cloud {
     requests = []; // {name, path, query, form, headers, time}
     secrets = new Set(); // what must not be found anywhere
@@ -182,35 +182,35 @@ export class Cloud {
             [state, verifier].forEach((text) => text && this.secrets.add(text));
         }
         let answer = this.script[name] ?? this.#endpoints[name] ?? reply(404);
-        if (typeof answer === 'function') answer = await answer(request, connection);
+        if (typeof answer === 'function') answer = await answer(request);
         if (answer === undefined) answer = await this.#endpoints[name](request);
-        if (typeof answer === 'function') await answer(connection);
+        if (answer.misbehave) await answer.misbehave(connection);
         else connection.socket.end(answer);
     }
 }
 
-// ---- Replies that misbehave, as functions of the connection --------------------------------------
+// ---- Replies that misbehave ----------------------------------------------------------------------
 
-export const hang = () => {};
+export const hang = {misbehave: () => {}};
 export const cut = (bytes, length) => bytes.subarray(0, length);
 
 // Every so many milliseconds the next piece; whether it is too slow is the client's to say.
-export const dribble = (bytes, milliseconds, size = 1) => async ({socket}) => {
+export const dribble = (bytes, milliseconds, size = 1) => ({misbehave: async ({socket}) => {
     for (let at = 0; at < bytes.length && !socket.destroyed; at += size) {
         socket.write(bytes.subarray(at, at + size));
-        await new Promise((resolve) => setTimeout(resolve, milliseconds));
+        await sleep(milliseconds);
     }
     socket.end();
-};
+}});
 
-export const endless = (head, piece) => ({socket}) => {
+export const endless = (head, piece) => ({misbehave: ({socket}) => {
     const send = () => {
         while (!socket.destroyed && socket.write(piece));
         socket.once('drain', send);
     };
     socket.write(head);
     send();
-};
+}});
 
 // ---- The device and its services -----------------------------------------------------------------
 
@@ -248,11 +248,11 @@ export class Service {
     }
 
     async open(settings, session = 'default') {
-        return new SessionOf(this, session, await this.call('open', {settings, session}));
+        return new SessionOf(this, session, await this.call('open', {settings, session, inline: true}));
     }
 
     // Seconds that clocks are ahead of the truth.
-    clock = (realtime, boottime = realtime) => this.call('clock', {realtime, boottime});
+    clock = (realtime, boottime = realtime) => this.call('clock', {realtime, boottime, inline: true});
 
     async end() {
         this.child.stdin.end();

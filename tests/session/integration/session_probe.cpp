@@ -1,9 +1,10 @@
-// Sessions for tests that are not written in C++: reads one JSON request a line from standard input and
-// writes one JSON answer a line. Each request runs in a thread of its own, or in the main thread with
-// "inline", so answers come in any order and carry the request's "id". See session_lab.mjs.
+// Sessions for tests that are not written in C++: reads one JSON request a line from standard input
+// and writes one JSON answer a line. Each request runs in a thread of its own, or in the main
+// thread with "inline", so answers come in any order and carry the request's "id". See
+// session_lab.mjs.
 //
-// It also stands between the library and the C library: clocks can be set, and a file can seem to be
-// somebody else's.
+// It also stands between the library and the C library: clocks can be set, and a file can seem to
+// be somebody else's.
 
 #include <cxxabi.h>
 #include <dlfcn.h>
@@ -34,7 +35,8 @@
 using ORBA::OAuth2Client::OAuth2ClientException;
 using namespace ORBA::OAuth2Session;
 
-// ---- Between the library and the C library -------------------------------------------------------
+// ---- Between the library and the C library
+// -------------------------------------------------------
 
 namespace {
 
@@ -58,7 +60,8 @@ int disguised(int result, struct stat* status) {
 
 extern "C" {
 // time() is left alone: by it, OpenSSL looks at certificates.
-__attribute__((visibility("default"))) int clock_gettime(clockid_t clock, struct timespec* now) noexcept {
+__attribute__((visibility("default"))) int clock_gettime(clockid_t clock,
+                                                         struct timespec* now) noexcept {
     static auto* const real = next<int(clockid_t, struct timespec*)>("clock_gettime");
     const int result = real(clock, now);
     if (clock == CLOCK_REALTIME) {
@@ -80,8 +83,8 @@ __attribute__((visibility("default"))) int lstat(const char* path, struct stat* 
     static auto* const real = next<int(const char*, struct stat*)>("lstat");
     return disguised(real(path, status), status);
 }
-__attribute__((visibility("default"))) int fstatat(int folder, const char* path, struct stat* status,
-                                                   int flags) noexcept {
+__attribute__((visibility("default"))) int fstatat(int folder, const char* path,
+                                                   struct stat* status, int flags) noexcept {
     static auto* const real = next<int(int, const char*, struct stat*, int)>("fstatat");
     return disguised(real(folder, path, status, flags), status);
 }
@@ -89,7 +92,8 @@ __attribute__((visibility("default"))) int fstatat(int folder, const char* path,
 
 namespace {
 
-// ---- Requests ------------------------------------------------------------------------------------
+// ---- Requests
+// ------------------------------------------------------------------------------------
 
 std::mutex sessionsMutex;
 std::map<std::string, std::unique_ptr<Session>> sessions;
@@ -235,14 +239,14 @@ Json::Value forkChild(const Json::Value& request) {
             }
         }
         Json::Value outcome;
-        outcome["inherited"] =
-            outcomeOf([&] { return jsonOf(sessionOf(request).accessToken()); });
+        outcome["inherited"] = outcomeOf([&] { return jsonOf(sessionOf(request).accessToken()); });
         outcome["own"] = outcomeOf([&] {
             Session own(settingsOf(request["settings"]));
             return jsonOf(own.accessToken());
         });
         const std::string text = lineOf(outcome);
-        _exit(::write(pipes[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0 : 1);
+        _exit(::write(pipes[1], text.data(), text.size()) == static_cast<ssize_t>(text.size()) ? 0
+                                                                                               : 1);
     }
     ::close(pipes[1]);
     Json::Value outcome;

@@ -4,7 +4,7 @@ import assert from 'node:assert/strict';
 import {describe, test} from 'node:test';
 import {parseArgs} from 'node:util';
 
-import {World, failed, reply, signedIn, sleep, succeeded} from './session_lab.mjs';
+import {World, failed, hang, reply, signedIn, sleep, succeeded} from './session_lab.mjs';
 
 const {values} = parseArgs({options: {seconds: {type: 'string', default: '4'}}});
 const SECONDS = Number(values.seconds);
@@ -92,7 +92,7 @@ describe('8 threads in each of 8 processes', () => {
 describe('A holder of the lock', {concurrency: 4}, () => {
     test('that is killed hands it on', async (t) => {
         const world = await signedIn(t);
-        world.cloud.script.token = () => () => {};
+        world.cloud.script.token = hang;
         const service = world.service();
         await service.clock(3541);
         const dying = (await world.open({}, {service})).token().catch(() => 'killed');
@@ -109,7 +109,7 @@ describe('A holder of the lock', {concurrency: 4}, () => {
 
     test('keeps others no longer than their timeout, 39', async (t) => {
         const world = await signedIn(t);
-        world.cloud.script.token = () => () => {};
+        world.cloud.script.token = hang;
         const service = world.service();
         await service.clock(3541);
         const first = (await world.open({timeout: 3000}, {service})).token();
