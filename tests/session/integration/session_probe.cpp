@@ -32,8 +32,11 @@
 #include <typeinfo>
 #include <vector>
 
-using ORBA::OAuth2Client::OAuth2ClientException;
-using namespace ORBA::OAuth2Session;
+using ORBA::OAuth2Session::AccessToken;
+using ORBA::OAuth2Session::Remedy;
+using ORBA::OAuth2Session::Session;
+using ORBA::OAuth2Session::SessionException;
+using ORBA::OAuth2Session::Settings;
 
 // ---- Between the library and the C library
 // -------------------------------------------------------
@@ -189,7 +192,7 @@ Json::Value close(const Json::Value& request) {
 Json::Value cancel(const Json::Value& request) {
     if (request["bySignal"].asBool()) {
         cancelledBySignal = &sessionOf(request);
-        std::raise(SIGUSR2);
+        static_cast<void>(std::raise(SIGUSR2));
     } else {
         sessionOf(request).cancel();
     }
@@ -304,12 +307,13 @@ Json::Value answerTo(const Json::Value& request) {
         killLater(static_cast<long>(request["killAfter"].asInt64()));
     }
     if (request["mark"].asBool()) {
-        ::access("/mark/begin", F_OK);
+        static_cast<void>(::access("/mark/begin", F_OK));
     }
     Json::Value answer;
     if (request.isMember("threads")) {
         std::vector<Json::Value> outcomes(request["threads"].asUInt());
         std::vector<std::thread> threads;
+        threads.reserve(outcomes.size());
         for (Json::Value& outcome : outcomes) {
             threads.emplace_back([&] { outcome = run(); });
         }
@@ -323,7 +327,7 @@ Json::Value answerTo(const Json::Value& request) {
         answer = run();
     }
     if (request["mark"].asBool()) {
-        ::access("/mark/end", F_OK);
+        static_cast<void>(::access("/mark/end", F_OK));
     }
     answer["id"] = request["id"];
     return answer;
