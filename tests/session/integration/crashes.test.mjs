@@ -2,12 +2,14 @@
 // that change files, or before every one (--every-call). And the order of the calls that make a
 // replacement outlast a power cut.
 import assert from 'node:assert/strict';
-import {existsSync, readFileSync, readdirSync, rmSync, statSync} from 'node:fs';
+import {existsSync, readFileSync, readdirSync, rmSync, statSync, writeFileSync} from 'node:fs';
 import {basename, join} from 'node:path';
 import {describe, test} from 'node:test';
 import {parseArgs} from 'node:util';
 
-import {World, filesBelow, filesWithSecrets, refusal, signedIn, succeeded} from './session_lab.mjs';
+import {
+    World, failed, filesBelow, filesWithSecrets, refusal, reply, signedIn, succeeded,
+} from './session_lab.mjs';
 
 const {values: {kills, 'every-call': everyCall}} = parseArgs({options: {
     kills: {type: 'string', default: '48'}, 'every-call': {type: 'boolean', default: false},
@@ -15,6 +17,7 @@ const {values: {kills, 'every-call': everyCall}} = parseArgs({options: {
 const FILE_CALLS = ['fallocate', 'fsync', 'fdatasync', 'rename', 'renameat', 'renameat2', 'fchmod',
     'ftruncate', 'flock', 'pwrite64', 'write', 'mkdir', 'mkdirat', 'unlink', 'unlinkat'];
 const PROBE = process.env.ORBA_SESSION_PROBE;
+const BOOT_ID = '/proc/sys/kernel/random/boot_id'; // of the sandbox, where it can be written
 const END = 3541; // seconds after which a token is at its end
 
 // One device, whose services are killed one after the other.
@@ -247,5 +250,25 @@ describe('Power cut', () => {
                 : name === 'fsync' ? 'folder' : '')).filter(Boolean);
         assert.deepEqual(order.slice(-2), ['rename', 'folder'], `${order}`);
         assert.deepEqual(victims.world.cloud.take(), ['token']);
+    });
+
+    test('begins a wait anew, once, since nobody knows how long it was dark', async (t) => {
+        const world = await World.create(t);
+        world.cloud.script.auth = reply(503, {headers: ['Retry-After: 100']});
+        failed(await (await world.open()).token(), {retryAfter: 100});
+        const former = readFileSync(BOOT_ID, 'utf8');
+        t.after(() => writeFileSync(BOOT_ID, former));
+        writeFileSync(BOOT_ID, former.replace(/^./, (digit) => (digit === 'a' ? 'b' : 'a')));
+        const service = world.service();
+        const session = await world.open({}, {service});
+        for (const [boottime, left] of [[-40, 100], [0, 60], [59, 1]]) {
+            await service.clock(50, boottime); // the new boot's clock begins anew
+            const {retryAfter} = failed(await session.token(), {code: 17});
+            assert.ok(retryAfter <= left && retryAfter > left - 5, `${retryAfter}, not ${left}`);
+        }
+        assert.equal(world.cloud.count('auth'), 1);
+        world.cloud.script = {};
+        await service.clock(50, 61);
+        succeeded(await session.token());
     });
 });

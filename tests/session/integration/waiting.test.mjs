@@ -1,14 +1,12 @@
 // When the next request may be made: after Retry-After or a back-off, from any process and in spite of
 // the clock.
 import assert from 'node:assert/strict';
-import {readFileSync, writeFileSync} from 'node:fs';
 import {after, describe, test} from 'node:test';
 
 import {World, failed, refusal, reply, signedIn, sleep, succeeded} from './session_lab.mjs';
 
 const ALL = {concurrency: 4};
 const YEARS = 10 * 31_556_952;
-const BOOT_ID = '/proc/sys/kernel/random/boot_id';
 const figures = {early: 0, late: 0};
 after(() => console.log(`requests before the wait is over: ${figures.early}, ` +
     `waits longer than the length: ${figures.late}`));
@@ -145,22 +143,6 @@ describe('The wait', ALL, () => {
         const session = await world.open();
         failed(await session.token(), {code: 19, retryAfter: 0});
         world.link({...unlinked, account});
-        succeeded(await session.token());
-    });
-});
-
-describe('After another start of the device', () => {
-    test('the wait is its full length again', async (t) => {
-        const {world, failure} = await refused(t, reply(503, {headers: ['Retry-After: 100']}));
-        const former = readFileSync(BOOT_ID, 'utf8');
-        t.after(() => writeFileSync(BOOT_ID, former));
-        writeFileSync(BOOT_ID, former.replace(/^./, (digit) => (digit === 'a' ? 'b' : 'a')));
-        // The new boot's clock begins anew.
-        const session = await elsewhere(world, 50, -40);
-        await mustWait(world, session, 100, failure);
-        await session.service.clock(90, 0);
-        await mustWait(world, session, 60, failure);
-        await session.service.clock(90, 61);
         succeeded(await session.token());
     });
 });
