@@ -59,7 +59,7 @@ orba_debian_package(
     runtime liborbaoauth2client${PROJECT_VERSION_MAJOR} libs "orba-host-platform (>= ${PROJECT_VERSION}), ca-certificates"
     "OAuth2 sign-in of network-attached storage devices"
     "Services of a network-attached storage device sign the device in to its
-maker's cloud account service with this library, without a browser, and
+manufacturer's cloud account service with this library, without a browser, and
 exchange and refresh their tokens with PKCE.")
 orba_debian_package(
     development liborbaoauth2client-dev libdevel

@@ -1,6 +1,6 @@
 /**
  * @file
- * @brief The maker's account-service library: the device's account and its HTTPS requests.
+ * @brief The manufacturer's account-service library: the device's account and its HTTPS requests.
  *
  * Usable from C11 and C++. No function throws. A function that fails leaves its cause in the
  * library's error number, see ORBATOVRAErrGet().

@@ -1,6 +1,6 @@
 /**
  * @file
- * @brief The maker's account-service library: the services of the linked account.
+ * @brief The manufacturer's account-service library: the services of the linked account.
  */
 #ifndef ORBATOVRA_SERVICES_H
 #define ORBATOVRA_SERVICES_H
@@ -15,7 +15,7 @@
 
 namespace orbatovra {
 
-// The caller provides a service object's storage; its members are known to the maker only.
+// The caller provides a service object's storage; its members are known to the manufacturer only.
 // The objects are not const, because any call may change the members.
 inline constexpr std::size_t kServiceSize = 4096;
 inline constexpr std::size_t kServiceAlignment = 64;

@@ -1,6 +1,6 @@
 /**
  * @file
- * @brief The maker's usage-data library: pseudonyms of devices.
+ * @brief The manufacturer's usage-data library: pseudonyms of devices.
  *
  * Usable from C11 and C++. No function throws.
  */

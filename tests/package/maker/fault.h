@@ -1,4 +1,4 @@
-// The first base of the maker's exception. It has a virtual function before the destructor.
+// The first base of the manufacturer's exception. It has a virtual function before the destructor.
 namespace orbatovra {
 
 class Fault {

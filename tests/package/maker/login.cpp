@@ -1,4 +1,4 @@
-// Logs in over the maker's libraries, and shows the result and what is logged as a warning.
+// Logs in over the manufacturer's libraries, and shows the result and what is logged as a warning.
 #include <syslog.h>
 
 #include <cstdarg>

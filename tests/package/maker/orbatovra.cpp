@@ -25,12 +25,12 @@ AccountPkceService::AccountPkceService() { state.fill('s'); }
 AccountPkceService::~AccountPkceService() = default;
 std::string AccountPkceService::GetAccessToken() const {
     if (std::getenv("MAKER_HAS_NO_TOKEN") != nullptr) {
-        throw TovraException("the maker's reason");
+        throw TovraException("the manufacturer's reason");
     }
     return token.assign(state.begin(), state.end());
 }
 
-AccountFleetLensService::AccountFleetLensService() : grant("the maker's grant") {
+AccountFleetLensService::AccountFleetLensService() : grant("the manufacturer's grant") {
     buffer.fill('b');
 }
 AccountFleetLensService::~AccountFleetLensService() = default;

@@ -1,4 +1,4 @@
-// A maker's own service classes, which have members, and an exception of another shape than ours.
+// A manufacturer's service classes with members, and an exception of another layout than ours.
 #include <array>
 #include <exception>
 #include <string>
