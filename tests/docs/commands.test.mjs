@@ -8,7 +8,7 @@ import {test} from 'node:test';
 
 import {blocks, documents, root} from './markdown.mjs';
 
-const TIMEOUT = 120_000;
+const TIMEOUT = 300_000; // the demo may have to build first
 // A `text` block that follows is what the commands print; "..." matches anything.
 const run = documents.flatMap((path) => blocks(path).map((block, index, all) => ({
     ...block, path, printed: all[index + 1]?.language === 'text' ? all[index + 1].text : '',
