@@ -21,6 +21,7 @@ namespace fakes {
 
 UnderTest::UnderTest(bool atWork) : before(underTest) { underTest = atWork; }
 UnderTest::~UnderTest() { underTest = before; }
+bool isUnderTest() { return underTest; }
 
 }  // namespace fakes
 
@@ -77,7 +78,7 @@ void* __wrap_realloc(void* block, std::size_t size) {
 void __wrap_free(void* block) {
     const fakes::OwnWork own;
     if (world().buffers.erase(block) != 0) {
-        world().enter("free", "");
+        world().note("free", "");
     }
     __real_free(block);
 }

@@ -30,43 +30,35 @@ struct Handle {
 
 Handle& handleOf(void* curl) { return *static_cast<Handle*>(curl); }
 
+#define ORBA_NAMED(option) \
+    { option, #option }
+const std::map<CURLoption, std::string> kOptionNames = {
+    ORBA_NAMED(CURLOPT_CAPATH),
+    ORBA_NAMED(CURLOPT_COOKIEFILE),
+    ORBA_NAMED(CURLOPT_COOKIEJAR),
+    ORBA_NAMED(CURLOPT_CUSTOMREQUEST),
+    ORBA_NAMED(CURLOPT_ERRORBUFFER),
+    ORBA_NAMED(CURLOPT_FOLLOWLOCATION),
+    ORBA_NAMED(CURLOPT_HTTPHEADER),
+    ORBA_NAMED(CURLOPT_IPRESOLVE),
+    ORBA_NAMED(CURLOPT_NOSIGNAL),
+    ORBA_NAMED(CURLOPT_POSTFIELDS),
+    ORBA_NAMED(CURLOPT_PROTOCOLS_STR),
+    ORBA_NAMED(CURLOPT_POSTFIELDSIZE_LARGE),
+    ORBA_NAMED(CURLOPT_SSLVERSION),
+    ORBA_NAMED(CURLOPT_SSL_VERIFYHOST),
+    ORBA_NAMED(CURLOPT_SSL_VERIFYPEER),
+    ORBA_NAMED(CURLOPT_TIMEOUT),
+    ORBA_NAMED(CURLOPT_URL),
+    ORBA_NAMED(CURLOPT_USERAGENT),
+    ORBA_NAMED(CURLOPT_WRITEDATA),
+    ORBA_NAMED(CURLOPT_WRITEFUNCTION),
+};
+#undef ORBA_NAMED
+
 std::string optionName(CURLoption option) {
-    switch (option) {
-        case CURLOPT_URL:
-            return "CURLOPT_URL";
-        case CURLOPT_TIMEOUT:
-            return "CURLOPT_TIMEOUT";
-        case CURLOPT_USERAGENT:
-            return "CURLOPT_USERAGENT";
-        case CURLOPT_SSL_VERIFYPEER:
-            return "CURLOPT_SSL_VERIFYPEER";
-        case CURLOPT_SSL_VERIFYHOST:
-            return "CURLOPT_SSL_VERIFYHOST";
-        case CURLOPT_CAPATH:
-            return "CURLOPT_CAPATH";
-        case CURLOPT_SSLVERSION:
-            return "CURLOPT_SSLVERSION";
-        case CURLOPT_COOKIEJAR:
-            return "CURLOPT_COOKIEJAR";
-        case CURLOPT_COOKIEFILE:
-            return "CURLOPT_COOKIEFILE";
-        case CURLOPT_HTTPHEADER:
-            return "CURLOPT_HTTPHEADER";
-        case CURLOPT_WRITEFUNCTION:
-            return "CURLOPT_WRITEFUNCTION";
-        case CURLOPT_WRITEDATA:
-            return "CURLOPT_WRITEDATA";
-        case CURLOPT_FOLLOWLOCATION:
-            return "CURLOPT_FOLLOWLOCATION";
-        case CURLOPT_CUSTOMREQUEST:
-            return "CURLOPT_CUSTOMREQUEST";
-        case CURLOPT_POSTFIELDS:
-            return "CURLOPT_POSTFIELDS";
-        case CURLOPT_IPRESOLVE:
-            return "CURLOPT_IPRESOLVE";
-        default:
-            return "option " + std::to_string(option);
-    }
+    const auto found = kOptionNames.find(option);
+    return found == kOptionNames.end() ? "option " + std::to_string(option) : found->second;
 }
 
 std::vector<std::string> linesOf(const curl_slist* list) {
@@ -99,6 +91,9 @@ std::string takeValue(Handle& handle, CURLoption option, va_list arguments) {
             return joined(handle.request.headers);
         default:
             break;
+    }
+    if (option >= CURLOPTTYPE_OFF_T) {
+        return std::to_string(va_arg(arguments, curl_off_t));
     }
     if (option < CURLOPTTYPE_OBJECTPOINT) {
         return std::to_string(va_arg(arguments, long));
@@ -207,6 +202,10 @@ CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
         }
         return world().statusResult;
     }
+    if (info != CURLINFO_REDIRECT_URL) {
+        world().enter("curl_easy_getinfo", "info " + std::to_string(info));
+        return CURLE_UNKNOWN_OPTION;
+    }
     if (world().enter("curl_easy_getinfo", "CURLINFO_REDIRECT_URL")) {
         return CURLE_OUT_OF_MEMORY;
     }
@@ -214,11 +213,13 @@ CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
     return world().redirectResult;
 }
 
+const char* curl_easy_strerror(CURLcode /*code*/) { return "the stand-in's text"; }
+
 void curl_easy_cleanup(CURL* curl) {
     const OwnWork own;
-    world().release(curl);
+    world().release(curl, "curl_easy_cleanup");
     const std::unique_ptr<Handle> handle(static_cast<Handle*>(curl));
-    world().enter("curl_easy_cleanup", handle->name);
+    world().note("curl_easy_cleanup", handle->name);
 }
 
 curl_slist* curl_slist_append(curl_slist* list, const char* line) {
@@ -241,8 +242,8 @@ curl_slist* curl_slist_append(curl_slist* list, const char* line) {
 
 void curl_slist_free_all(curl_slist* list) {
     const OwnWork own;
-    world().release(list);
-    world().enter("curl_slist_free_all", nameOfList(list));
+    world().release(list, "curl_slist_free_all");
+    world().note("curl_slist_free_all", nameOfList(list));
     freeList(list);
 }
 
@@ -288,8 +289,8 @@ char* curl_easy_unescape(CURL* curl, const char* text, int length, int* outLengt
 
 void curl_free(void* text) {
     const OwnWork own;
-    world().release(text);
-    world().enter("curl_free", "");
+    world().release(text, "curl_free");
+    world().note("curl_free", "");
     std::free(text);
 }
 

@@ -79,7 +79,7 @@ int KLIBCSzHashSetValue(KLIBCSzHash** table, const char* key, const char* value)
     }
     auto* const grown = new KLIBCSzHash(**table);
     grown->fields.emplace_back(key, value);
-    world().release(*table);
+    world().release(*table, "KLIBCSzHashSetValue");
     delete *table;
     *table = grown;
     holdTable(grown);
@@ -88,20 +88,20 @@ int KLIBCSzHashSetValue(KLIBCSzHash** table, const char* key, const char* value)
 
 void KLIBCSzHashFree(KLIBCSzHash* table) {
     const OwnWork own;
-    world().enter("KLIBCSzHashFree", "");
-    world().release(table);
+    world().note("KLIBCSzHashFree", "");
+    world().release(table, "KLIBCSzHashFree");
     delete table;
 }
 
 void ORBATOVRAErrSet(unsigned int code) {
     const OwnWork own;
-    world().enter("ORBATOVRAErrSet", std::to_string(code));
+    world().note("ORBATOVRAErrSet", std::to_string(code));
     world().device.errorNumber = code;
 }
 
 unsigned int ORBATOVRAErrGet(void) {
     const OwnWork own;
-    world().enter("ORBATOVRAErrGet", "");
+    world().note("ORBATOVRAErrGet", "");
     return world().device.errorNumber;
 }
 
@@ -157,9 +157,9 @@ int ORBATOVRAHttpsRequestSend(const TovraHttpsRequestRecord* request,
 
 void ORBATOVRAHttpsResponseFree(TovraHttpsResponseRecord* response) {
     const OwnWork own;
-    world().enter("ORBATOVRAHttpsResponseFree", response->body == nullptr ? "empty" : "body");
+    world().note("ORBATOVRAHttpsResponseFree", response->body == nullptr ? "empty" : "body");
     if (response->body != nullptr) {
-        world().release(response->body);
+        world().release(response->body, "ORBATOVRAHttpsResponseFree");
         std::free(response->body);
         response->body = nullptr;
     }
@@ -210,8 +210,8 @@ AccountPkceService::AccountPkceService() {
 
 AccountPkceService::~AccountPkceService() {
     const OwnWork own;
-    world().enter("~AccountPkceService", "");
-    world().release(this);
+    world().note("~AccountPkceService", "");
+    world().release(this, "~AccountPkceService");
 }
 
 std::string AccountPkceService::GetAccessToken() const {
@@ -228,8 +228,8 @@ AccountFleetLensService::AccountFleetLensService() {
 
 AccountFleetLensService::~AccountFleetLensService() {
     const OwnWork own;
-    world().enter("~AccountFleetLensService", "");
-    world().release(this);
+    world().note("~AccountFleetLensService", "");
+    world().release(this, "~AccountFleetLensService");
 }
 
 std::string AccountFleetLensService::Grant(const std::string& clientId, const std::string& scope,

@@ -33,7 +33,7 @@ void syslog(int priority, const char* format, ...) {
     }
     const std::string text = rendered.substr(site.size());
     world().log.push_back({priority, format, source, line, text});
-    world().enter("syslog", std::to_string(priority) + " " + text);
+    world().note("syslog", std::to_string(priority) + " " + text);
 }
 
 int nanosleep(const timespec* request, timespec* remainder) {

@@ -13,26 +13,31 @@ World& world() {
 
 void reset() { world() = World(); }
 
-bool World::isToFail(const std::string& name) {
-    const int count = ++counts[name];
+bool World::isToFail(const std::string& name, int count) {
+    fallible.insert(name);
     const auto wanted = failAt.find(name);
     return wanted != failAt.end() && wanted->second == count;
 }
 
-bool World::enter(const std::string& name, const std::string& arguments) {
+void World::note(const std::string& name, const std::string& arguments) {
+    ++counts[name];
     calls.push_back(name + "(" + arguments + ")");
-    const bool fails = isToFail(name);
-    if (fails) {
-        failedCall = calls.size() - 1;
-    }
     if (onCall) {
         onCall(name);
     }
+}
+
+bool World::enter(const std::string& name, const std::string& arguments) {
+    const bool fails = isToFail(name, counts[name] + 1);
+    if (fails) {
+        failedCall = calls.size();
+    }
+    note(name, arguments);
     return fails;
 }
 
 bool World::enterAllocation(const std::string& name) {
-    const bool fails = isToFail(name);
+    const bool fails = isToFail(name, ++counts[name]);
     if (fails) {
         failedCall = calls.size();
         calls.push_back(name + "()");
@@ -42,12 +47,19 @@ bool World::enterAllocation(const std::string& name) {
 
 void World::hold(const void* what, const std::string& name, const std::function<void()>& letGo) {
     held[what] = {name, letGo};
+    released.erase(what);
 }
 
-void World::release(const void* what) {
-    if (held.erase(what) == 0) {
-        throw std::logic_error("released but not held");
+void World::release(const void* what, const std::string& call) {
+    const auto found = held.find(what);
+    if (found == held.end()) {
+        const auto before = released.find(what);
+        throw std::logic_error(call + " of " +
+                               (before == released.end() ? "what nobody holds"
+                                                         : before->second + ", released before"));
     }
+    released[what] = found->second.name;
+    held.erase(found);
 }
 
 std::vector<std::string> heldNames() {

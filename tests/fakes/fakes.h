@@ -5,6 +5,7 @@
 #define ORBA_TESTS_FAKES_H
 
 #include <curl/curl.h>
+#include <sys/types.h>
 
 #include <cstddef>
 #include <deque>
@@ -77,6 +78,8 @@ class UnderTest {
     const bool before;  // whether it was at work when this began
 };
 
+bool isUnderTest();
+
 // While one lives, it is not. Each stand-in begins with one.
 class OwnWork {
   public:
@@ -127,16 +130,24 @@ struct World {
     std::map<const void*, Held> held;  // handles, lists, texts, tables that are not released
     std::set<void*> buffers;           // blocks of realloc() that are not freed
 
-    std::map<std::string, int> counts;
+    // Whether stat() gives every file to the next user and group, and fchown() only notes theirs.
+    bool otherOwner = false;
+    std::pair<uid_t, gid_t> chowned = {};
 
+    std::map<std::string, int> counts;
+    std::set<std::string> fallible;  // the names among them that can be made to fail
+
+    // Notes a call that cannot fail.
+    void note(const std::string& name, const std::string& arguments);
     // Notes a call; returns whether the test wants this one to fail.
     bool enter(const std::string& name, const std::string& arguments);
     bool enterAllocation(const std::string& name);
     void hold(const void* what, const std::string& name, const std::function<void()>& letGo);
-    void release(const void* what);
+    void release(const void* what, const std::string& call = "release");
 
   private:
-    bool isToFail(const std::string& name);
+    std::map<const void*, std::string> released;
+    bool isToFail(const std::string& name, int count);
 };
 
 // The one world of the running test.

@@ -3,57 +3,12 @@
 #include <json/json.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <cstring>
-#include <iostream>
-#include <new>
-#include <optional>
+#include <map>
+#include <typeinfo>
 
 namespace {
 
 using namespace ORBA::OAuth2Client;
-using fakes::world;
-using ::testing::Contains;
-using ::testing::IsEmpty;
-using ::testing::IsSubsetOf;
-
-const std::vector<std::string> kFallible = {"operator new",
-                                            "malloc",
-                                            "malloc of a library",
-                                            "realloc",
-                                            "nanosleep",
-                                            "curl_easy_init",
-                                            "curl_easy_setopt",
-                                            "curl_easy_perform",
-                                            "curl_easy_getinfo",
-                                            "curl_easy_escape",
-                                            "curl_easy_unescape",
-                                            "curl_slist_append",
-                                            "KLIBCFileTouch",
-                                            "KLIBGetSerialNumber",
-                                            "KLIBCSzHashAlloc",
-                                            "KLIBCSzHashSetValue",
-                                            "ORBATOVRAUserAgentNameGet",
-                                            "ORBATOVRAAccountGet",
-                                            "ORBATOVRAServerConfigGet",
-                                            "ORBATOVRAHttpsRequestSend",
-                                            "ORBATOVRAAccountRemove",
-                                            "ORBAUDCPseudonymise",
-                                            "AccountPkceService",
-                                            "GetAccessToken",
-                                            "AccountFleetLensService",
-                                            "Grant"};
-const std::vector<std::string> kInfallible = {"syslog",
-                                              "free",
-                                              "curl_easy_cleanup",
-                                              "curl_free",
-                                              "curl_slist_free_all",
-                                              "KLIBCSzHashFree",
-                                              "ORBATOVRAErrSet",
-                                              "ORBATOVRAErrGet",
-                                              "ORBATOVRAHttpsResponseFree",
-                                              "~AccountPkceService",
-                                              "~AccountFleetLensService"};
 
 const std::vector<std::string> kJsoncppWithoutMemory = {
     "in Json::Value::duplicateStringValue(): Failed to allocate string value buffer",
@@ -91,73 +46,6 @@ const char* nameOf(const OAuth2ClientException& exception) {
                                                    : "another";
 }
 
-std::string runOnce(const Operation& operation) {
-    try {
-        {
-            const fakes::UnderTest atWork;
-            operation.run();
-        }
-        return kSuccess + operation.result();
-    } catch (const OAuth2ClientException& exception) {
-        return outcome(nameOf(exception), exception.errCode(), exception.what());
-    } catch (const std::bad_alloc&) {
-        return kNoMemory;
-    } catch (const Json::RuntimeError&) {
-        return "Json::RuntimeError";
-    } catch (const std::exception& exception) {
-        return std::string("foreign: ") + exception.what();
-    }
-}
-
-// What the code under test sees begins here: the test's own preparations do not count.
-void prepare(const Operation& operation) {
-    fakes::reset();
-    errCode2Str(0);  // the table is there; its own sweep is about building it
-    operation.world();
-    world().calls.clear();
-    world().log.clear();
-    world().counts.clear();
-}
-
-void tidyUp(const Operation& operation, bool mayLeave) {
-    operation.tidy();
-    EXPECT_THAT(fakes::heldNames(),
-                IsSubsetOf(mayLeave ? operation.leftBehind : std::set<std::string>()));
-    EXPECT_THAT(world().buffers, IsEmpty());
-    fakes::letGoOfWhatIsHeld();
-}
-
-// A sweep that does not see the allocations would pass without having tried anything.
-bool seesAllocations() {
-    fakes::reset();
-    const int ofNew = world().counts["operator new"];
-    const int ofLibraries = world().counts["malloc of a library"];
-    {
-        const fakes::UnderTest atWork;
-        ::operator delete(::operator new(1));
-        std::free(strdup(__FILE__));
-    }
-#ifdef ORBA_SANITIZED
-    const int seen = 0;
-#else
-    const int seen = 1;
-#endif
-    return world().counts["operator new"] == ofNew + 1 &&
-           world().counts["malloc of a library"] == ofLibraries + seen;
-}
-
-// Returns the calls.
-Calls runWithoutFault(const Operation& operation) {
-    prepare(operation);
-    EXPECT_EQ(operation.outcome, runOnce(operation));
-    const Calls calls = world().calls;
-    for (const auto& [name, count] : world().counts) {
-        EXPECT_THAT(kFallible + kInfallible, Contains(name));
-    }
-    tidyUp(operation, false);
-    return calls;
-}
-
 std::string replaced(std::string text, const std::string& from, const std::string& to) {
     const std::size_t found = text.find(from);
     return found == std::string::npos ? text : text.replace(found, from.size(), to);
@@ -179,56 +67,29 @@ Outcomes withoutLibraryMemory(const Operation& operation, const Fault& fault) {
     return possible;
 }
 
-Outcomes outcomesOf(const Operation& operation, const Fault& fault) {
-    return fault.call == "malloc of a library()" ? withoutLibraryMemory(operation, fault)
-                                                 : operation.outcomes(fault);
-}
-
-// Returns whether the operation met the fault.
-bool runWithFault(const Operation& operation, const Calls& calls, const std::string& kind, int n) {
-    prepare(operation);
-    world().failAt[kind] = n;
-    const std::string got = runOnce(operation);
-    const bool met = world().failedCall.has_value();
-    if (met) {
-        const std::size_t position = *world().failedCall;
-        const Fault fault = {world().calls[position], position, calls};
-        EXPECT_THAT(outcomesOf(operation, fault), Contains(got)) << "at " << fault.call;
-        operation.afterFault(got);
-    }
-    tidyUp(operation, met);
-    return met;
-}
-
 }  // namespace
 
 std::string outcome(const std::string& type, int code, const std::string& text) {
     return type + " " + std::to_string(code) + " " + text;
 }
 
-bool Fault::isAllocation() const { return call == "operator new()" || call == "malloc()"; }
-
-void FaultSweep::sweep(const Operation& operation) {
-    ASSERT_FALSE(HasFailure());
-    ASSERT_TRUE(seesAllocations()) << "another allocator is in use; valgrind leaves ours with "
-                                      "--soname-synonyms=somalloc=nouserintercepts";
-    SCOPED_TRACE(operation.name);
-    const Calls calls = runWithoutFault(operation);
-    int faults = 0;
-    std::string kinds;
-    for (const std::string& kind : kFallible) {
-        int n = 1;
-        for (; runWithFault(operation, calls, kind, n) && !HasFailure(); ++n) {
-            SCOPED_TRACE("behind " + kind + " " + std::to_string(n));
-            EXPECT_EQ(calls, runWithoutFault(operation));
-            ++faults;
-        }
-        kinds += n == 1 ? "" : ", " + kind + " " + std::to_string(n - 1);
-        ASSERT_FALSE(HasFailure()) << "at " << kind << " " << n;
+std::string LibrarySweep::thrown() const {
+    try {
+        throw;
+    } catch (const OAuth2ClientException& exception) {
+        return outcome(nameOf(exception), exception.errCode(), exception.what());
+    } catch (const Json::RuntimeError&) {
+        return "Json::RuntimeError";
+    } catch (const std::exception& exception) {
+        return std::string("foreign: ") + exception.what();
     }
-    std::cout << "[  SWEEP   ] " << operation.name << ": " << faults << " faults" << kinds << "\n";
-    EXPECT_GT(faults, 0);
-    EXPECT_GE(faults, operation.floor);
+}
+
+// The error table is there; its own sweep is about building it.
+void LibrarySweep::prepareWorld() { errCode2Str(0); }
+
+Outcomes LibrarySweep::outcomesOf(const Operation& operation, const Fault& fault) const {
+    return fault.isInLibrary() ? withoutLibraryMemory(operation, fault) : operation.outcomes(fault);
 }
 
 std::optional<Inner> innerFailure(const Fault& fault) {

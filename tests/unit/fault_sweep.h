@@ -1,51 +1,18 @@
-// One public operation, and every outside call that it makes failing once: libcurl, platform, pause
-// and allocation, the n-th of each kind for every n.
+// What may come of a fault inside the library's operations.
 #ifndef ORBA_TESTS_UNIT_FAULT_SWEEP_H
 #define ORBA_TESTS_UNIT_FAULT_SWEEP_H
 
-#include <functional>
-#include <map>
-#include <set>
+#include <optional>
 #include <string>
 
 #include "fixture.h"
 
-// What a run ends with: "success" and the result, "std::bad_alloc", "Json::RuntimeError",
-// "CurlException 25 text", "foreign: text".
-using Outcomes = std::set<std::string>;
-
-const std::string kSuccess = "success";
-const std::string kNoMemory = "std::bad_alloc";
-
 std::string outcome(const std::string& type, int code, const std::string& text);
 
-// A fault, and the calls that the operation makes without one: up to the fault they are the same.
-struct Fault {
-    std::string call;      // as it is among the calls; "operator new()" for an allocation
-    std::size_t position;  // how many calls came before
-    const Calls& calls;    // without a fault
-
-    bool isAllocation() const;
-};
-
-struct Operation {
-    std::string name;
-    int floor = 1;                // the sweep meets at least so many faults
-    std::function<void()> world;  // what the outside is like; done before each run
-    std::function<void()> run;    // the code under test, and nothing else
-    std::function<Outcomes(const Fault&)> outcomes;  // what may come of a fault
-    std::string outcome = kSuccess;                  // without a fault
-    std::function<std::string()> result = [] { return std::string(); };
-    std::function<void()> tidy = [] {};  // gives back what the operation leaves to its caller
-    std::function<void(const std::string&)> afterFault = [](const std::string& /*outcome*/) {};
-    std::set<std::string> leftBehind = {};  // what nobody can give back after some faults
-    Outcomes withoutLibraryMemory = {};     // what else may come of a library that has none
-};
-
-class FaultSweep : public FakesTest {
-  protected:
-    // Constructs the objects once; each fault is followed by a run without one on the same object.
-    void sweep(const Operation& operation);
+class LibrarySweep : public FaultSweep {
+    std::string thrown() const override;
+    void prepareWorld() override;
+    Outcomes outcomesOf(const Operation& operation, const Fault& fault) const override;
 };
 
 // What the library makes of a failed call; nothing if it continues as if it had not failed.

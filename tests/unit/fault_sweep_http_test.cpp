@@ -24,7 +24,7 @@ Outcomes noMemory(const Fault& fault) { return plainOutcomes(fault); }
 
 // --- the object ---
 
-class ObjectFaults : public FaultSweep {};
+class ObjectFaults : public LibrarySweep {};
 
 TEST_F(ObjectFaults, Constructors) {
     sweep({"HttpClient(url)", 2, [] {}, [] { Client client(kUrl); }, noMemory});
@@ -69,7 +69,7 @@ TEST_F(ObjectFaults, SettersAndGetters_KeepTheOldValue) {
 
 // --- the requests ---
 
-class RequestFaults : public FaultSweep {
+class RequestFaults : public LibrarySweep {
   protected:
     // Sweeps one request in one situation.
     void sweepRequest(
@@ -183,7 +183,7 @@ TEST_F(RequestFaults, EmptyUrl) {
 
 // --- the steps of a request ---
 
-class StepFaults : public FaultSweep {
+class StepFaults : public LibrarySweep {
   protected:
     void sweepStep(
         const std::string& name, int floor, const std::function<void()>& run,
@@ -306,7 +306,7 @@ TEST_F(StepFaults, Check) {
 
 // --- the query ---
 
-class QueryFaults : public FaultSweep {
+class QueryFaults : public LibrarySweep {
   protected:
     void sweepQuery(const std::string& name, int floor,
                     const std::map<std::string, std::string>& params,

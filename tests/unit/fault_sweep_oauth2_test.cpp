@@ -63,7 +63,7 @@ Outcomes flowOutcomes(const Fault& fault, const std::string& withoutFault,
                                                             : plainOutcomes(fault, withoutFault);
 }
 
-class FlowFaults : public FaultSweep {
+class FlowFaults : public LibrarySweep {
   protected:
     void sweepFlow(const std::string& name, int floor, const std::deque<fakes::Transfer>& way,
                    const std::function<void()>& run, const std::string& withoutFault) {
@@ -183,16 +183,16 @@ class PrintedText : public std::streambuf {
     std::array<char, 4096> text{};
 };
 
-class PkceFaults : public FaultSweep {
+class PkceFaults : public LibrarySweep {
   protected:
     void SetUp() override {
-        FaultSweep::SetUp();
+        LibrarySweep::SetUp();
         std::filesystem::create_directory(folder);
         coutBuffer = std::cout.rdbuf();
     }
     void TearDown() override {
         std::filesystem::remove_all(folder);
-        FaultSweep::TearDown();
+        LibrarySweep::TearDown();
     }
     std::string stored() const {
         std::ostringstream text;

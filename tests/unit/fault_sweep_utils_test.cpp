@@ -18,7 +18,7 @@ const std::string kDecoded = "a text long enough to be allocated";
 const std::string kUrl = "https://auth.test/cb?name=" + kEncoded + "&other=1";
 const std::string kKey = "name";
 
-class ErrorTableFaults : public FaultSweep {};
+class ErrorTableFaults : public LibrarySweep {};
 
 TEST_F(ErrorTableFaults, LookUp) {
     std::string text;
@@ -56,7 +56,7 @@ TEST(ErrorTableDeathTest, FirstUse_FailsUntilAllAllocationsSucceed) {
     EXPECT_EXIT(buildWithFaults(), hadFaults, "Unexpected exception happened.");
 }
 
-class UrlFaults : public FaultSweep {
+class UrlFaults : public LibrarySweep {
   protected:
     Operation operation(const std::string& name, int floor, const std::function<void()>& run,
                         const std::string& withoutFault) {
@@ -95,7 +95,7 @@ TEST_F(UrlFaults, GetParamFromURL) {
         outcome("OAuth2Exception", 12, "Failed to get parameter: The url is empty.")));
 }
 
-class FingerprintFaults : public FaultSweep {};
+class FingerprintFaults : public LibrarySweep {};
 
 TEST_F(FingerprintFaults, GetDeviceFingerprint) {
     std::string value;

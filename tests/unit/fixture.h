@@ -2,30 +2,18 @@
 #ifndef ORBA_TESTS_UNIT_FIXTURE_H
 #define ORBA_TESTS_UNIT_FIXTURE_H
 
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
 #include <string>
 #include <typeinfo>
 #include <vector>
 
-#include "fakes.h"
 #include "orbaoauth2client/errors.h"
+#include "sweep.h"
 
-// A fresh world for each test; whatever the code under test took must be released at the end.
-class FakesTest : public ::testing::Test {
-  protected:
-    void SetUp() override { fakes::reset(); }
-
-    void TearDown() override {
-        EXPECT_THAT(fakes::heldNames(), ::testing::IsEmpty());
-        EXPECT_THAT(fakes::world().buffers, ::testing::IsEmpty());
-    }
-};
-
-// The operation must throw this very class, with this code and this text.
+// The operation must throw this very class, with this code and this text. Failures name the caller.
 template <class Exception, class Operation>
-void expectThrows(const Operation& operation, int code, const std::string& text) {
+void expectThrows(const Operation& operation, int code, const std::string& text,
+                  const char* file = __builtin_FILE(), int line = __builtin_LINE()) {
+    const ::testing::ScopedTrace caller(file, line, "expectThrows");
     try {
         operation();
         ADD_FAILURE() << "nothing was thrown";
@@ -45,8 +33,6 @@ inline std::vector<std::string> formats() {
     }
     return found;
 }
-
-using Calls = std::vector<std::string>;
 
 inline Calls operator+(Calls left, const Calls& right) {
     left.insert(left.end(), right.begin(), right.end());

@@ -89,8 +89,9 @@ TEST_P(EachRequest, EmptyCookiePath_IsCode12) {
     expectThrows<HttpClientException>([&] { run(); }, 12, kFrame + "Got empty cookie file path.");
 }
 
+// The status counts before the body.
 TEST_P(EachRequest, InnerFailure_KeepsItsCodeAndIsFramed) {
-    answer(404);
+    answer(404, "<html>");
     const std::string inner =
         "URL [https://auth.test/x] replied http status code  404: curl return: 0";
     expectThrows<HttpClientException>([&] { run(); }, 14, kFrame + inner);

@@ -1,6 +1,8 @@
 // The client object and the set-up of a transfer.
 #include <json/json.h>
 
+#include <cstring>
+#include <memory>
 #include <utility>
 
 #include "fixture.h"
@@ -35,6 +37,15 @@ TEST_F(HttpSetUp, NewObject_HasNoResponse) {
     EXPECT_EQ("/jar", client.getCookiesFilePath());
     EXPECT_EQ(0, client.getRespCode());
     EXPECT_EQ("", client.getRedirectURL());
+}
+
+TEST_F(HttpSetUp, NewObject_OverUsedMemory_HasNoResponse) {
+    alignas(Client) unsigned char memory[sizeof(Client)];
+    std::memset(memory, 0xFF, sizeof memory);
+    const std::unique_ptr<Client, void (*)(Client*)> object(
+        new (memory) Client("https://auth.test/", "/jar"), std::destroy_at<Client>);
+    EXPECT_EQ(0, object->getRespCode());
+    EXPECT_EQ("", object->getRedirectURL());
 }
 
 TEST_F(HttpSetUp, UrlOnly_UsesTheThrowAwayCookieFile) {
@@ -251,7 +262,7 @@ TEST_F(HttpSetUp, WriteCallBack_OutOfMemory_TakesNothingAndKeepsWhatItHas) {
     HttpClient::MemoryStruct chunk = {nullptr, 0};
     setUp();
     client.setCurlWriteCallBack(curl, &chunk);
-    world().transfers = {{CURLE_OK, 200, "", {"12345", "6789"}, {}}};
+    world().transfers = {{CURLE_OK, 200, "", {"12345", "6"}, {}}};
     world().failAt["realloc"] = 2;
     EXPECT_EQ(CURLE_WRITE_ERROR, curl_easy_perform(curl));
     EXPECT_EQ(5U, chunk.size);

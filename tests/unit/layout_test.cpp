@@ -9,6 +9,7 @@
 #include "fakes.h"
 #include "orbaoauth2client/errors.h"
 #include "orbaoauth2client/httpclient.h"
+#include "serial_number.h"
 
 namespace {
 
@@ -39,6 +40,11 @@ TEST(MemoryStructLayout, IsThatOfItsFields) {
     EXPECT_EQ(16U, sizeof(HttpClient::MemoryStruct));
     EXPECT_EQ(0U, offsetof(HttpClient::MemoryStruct, memory));
     EXPECT_EQ(8U, offsetof(HttpClient::MemoryStruct, size));
+}
+
+// A serial number without a NUL fills what the platform is told.
+TEST(SerialNumberLayout, HasOneByteMoreForItsEnd) {
+    EXPECT_EQ(kSerialNumberSize + 1, sizeof(SerialNumber::text));
 }
 
 // The Itanium C++ ABI: a pointer to a virtual member is its offset in the table, plus 1.
