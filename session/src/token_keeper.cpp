@@ -51,10 +51,16 @@ struct TokenKeeper::Errand {
         : wish(std::move(itsWish)),
           call(itsCall),
           digest(accountDigest(settings)),
-          store(settings.tokenFile),
-          gate(digest, bootId()) {}
+          store(settings.tokenFile) {}
+
+    void requireAccount() const {
+        if (digest.empty()) {
+            fail(kAccountFailed, "The device is not linked to an account");
+        }
+    }
 
     void loadGate() {
+        gate = RetryGate(digest, bootId());
         savedGate = gate.text();
         const std::string content = store.readGate();
         gate.load(content, now());
@@ -76,11 +82,11 @@ struct TokenKeeper::Errand {
 
     const Wish wish;
     Call& call;
-    const std::string digest;
+    std::string digest;  // of the account, or empty
     TokenStore store;
     TokenFile file;
     Tokens tokens;
-    RetryGate gate;
+    RetryGate gate{"", ""};
     std::string savedGate;  // what the gate's file says
 };
 
@@ -120,6 +126,7 @@ std::optional<AccessToken> TokenKeeper::keepUp(const Call& call) {
 bool TokenKeeper::signOut(Call& call) {
     Errand errand(settings, {}, call);
     errand.store.lock(call);
+    errand.digest = accountDigest(settings);
     errand.store.recover(errand.digest);
     readTokens(errand);
     errand.loadGate();
@@ -137,9 +144,7 @@ bool TokenKeeper::signOut(Call& call) {
 std::optional<TokenKeeper::Found> TokenKeeper::run(const Wish& wish, Call& call) {
     Errand errand(settings, wish, call);
     lookAfterReserve(errand);
-    if (errand.digest.empty()) {
-        fail(kAccountFailed, "The device is not linked to an account");
-    }
+    errand.requireAccount();
     if (const std::optional<AccessToken> token = inFile(errand)) {
         return Found{*token, false};
     }
@@ -149,6 +154,8 @@ std::optional<TokenKeeper::Found> TokenKeeper::run(const Wish& wish, Call& call)
         postponeEarly(bootTime() + kStep);
         return std::nullopt;
     }
+    errand.digest = accountDigest(settings);  // it may have taken long
+    errand.requireAccount();
     errand.store.recover(errand.digest);
     storeUnstored(errand);
     if (const std::optional<AccessToken> token = inFile(errand)) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdlib>
 #include <ctime>
 #include <new>
 #include <string_view>
@@ -16,7 +17,7 @@ constexpr char kCaBundle[] = "/etc/ssl/certs/ca-certificates.crt";
 constexpr std::size_t kMaxReply = 65536;
 constexpr seconds kRequestLimit{30};
 constexpr milliseconds kStep{100};
-constexpr seconds kMaxRetryAfter{3600};
+constexpr unsigned long kMaxRetryAfter = 3600;
 
 struct ListCleanup {
     void operator()(curl_slist* list) const { curl_slist_free_all(list); }
@@ -58,7 +59,7 @@ bool isNumber(const std::string& text) {
 milliseconds parseRetryAfter(const std::string& text, const std::string& date) {
     seconds wait{};
     if (isNumber(text)) {
-        wait = text.size() > 4 ? kMaxRetryAfter : seconds(std::stol(text));
+        wait = seconds(std::min(std::strtoul(text.c_str(), nullptr, 10), kMaxRetryAfter));
     } else {
         const std::time_t until = curl_getdate(text.c_str(), nullptr);
         const std::time_t now = curl_getdate(date.c_str(), nullptr);
@@ -66,7 +67,7 @@ milliseconds parseRetryAfter(const std::string& text, const std::string& date) {
             wait = seconds(until - now);
         }
     }
-    return std::clamp(wait, seconds(0), kMaxRetryAfter);
+    return std::clamp(wait, seconds(0), seconds(kMaxRetryAfter));
 }
 
 }  // namespace
