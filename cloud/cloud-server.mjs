@@ -14,7 +14,7 @@ const AUTH_HOST = 'auth.localhost';
 export const DEFAULT_SETTINGS = {
     accessTokenTtl: 3600, // seconds
     codeTtl: 60, // seconds; 0 makes codes that have expired when they arrive
-    consent: false, // a consent step of its own between login and callback
+    consent: false, // a separate consent step between login and callback
     grantChallenge: undefined, // S256 challenge that the grant endpoint's codes are bound to
     hops: 0, // redirects added between the resume and the callback
     refuseAccount: false, // the account service answers badauth

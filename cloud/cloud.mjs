@@ -9,7 +9,7 @@ const OPTIONS = {
     'cert FILE': 'TLS certificate, PEM (default: $ORBA_TLS_CERT)',
     'key FILE': 'its private key, PEM (default: $ORBA_TLS_KEY)',
     'hops N': 'redirects added between the resume and the callback',
-    'consent': 'a consent step of its own between login and callback',
+    'consent': 'a separate consent step between login and callback',
     'refuse-account': 'the account service answers badauth',
     'code-ttl SECONDS': 'lifetime of authorization codes (default 60; 0: expired at once)',
     'access-token-ttl SECONDS': 'lifetime of access tokens (default 3600)',

@@ -268,8 +268,7 @@ export function wrapped(url, cause) {
 }
 
 export function assertFailed(answered, {name = HTTP_CLIENT_EXCEPTION, code, text}) {
-    const {class: thrown, code: got, text: told} = answered;
-    assert.deepEqual({name: thrown, code: got, text: told}, {name, code, text});
+    assert.deepEqual({name: answered.class, code: answered.code, text: answered.text}, {name, code, text});
 }
 
 // A request that failed with the code, for the cause.

@@ -89,7 +89,7 @@ describe('The way to the callback', CONCURRENCY, () => {
         assert.equal(succeeded(answered), `${server.url}next?to=${CALLBACK}&a=1`);
     });
 
-    test('leads to a callback with a scheme of its own', async (t) => {
+    test('leads to a callback with a private scheme', async (t) => {
         const {answered} = await follow(t, chain(2, 'app://cb?code=1'), {uri: 'app://cb'});
         assert.equal(succeeded(answered), 'app://cb/?code=1');
     });

@@ -131,12 +131,12 @@ describe('The login logs', () => {
     test('a warning when there is no access token, with the reason', async (t) => {
         const {priority, text} = await warning(t);
         assert.equal(priority, WARNING);
-        const told = text.replace(/^orbaoauth2:\d+ /, '');
+        const line = text.replace(/^orbaoauth2:\d+ /, '');
         const warned = 'Failed to get Tovra access token. please re-login Orbalon Account to ' +
             'generate pkce access token, otherwise Fleet Lens will use non-pkce flow to get ' +
             'grant code, reason: ';
-        assert.equal(told.slice(0, warned.length), warned);
-        assert.match(told.slice(warned.length), /^no PKCE access token: .*pkce_access_token/);
+        assert.equal(line.slice(0, warned.length), warned);
+        assert.match(line.slice(warned.length), /^no PKCE access token: .*pkce_access_token/);
     });
 
     test('a short warning when the platform throws something else', async (t) => {

@@ -103,17 +103,6 @@ describe('A server certificate', {concurrency: 6}, () => {
         const extensions = ['extendedKeyUsage=clientAuth'];
         return assertRefused(t, {tls: new Certificates(t).make({extensions})});
     });
-
-    test('that is refused ends every kind of request', async (t) => {
-        const tls = new Certificates(t).expired();
-        const server = await startServer(t, GREETING, {tls});
-        const device = startDevice(t);
-        assertTransferFailed(await device.get(server.url), server.url, 33, 60);
-        assertTransferFailed(await device.get(server.url, {follow: true}), server.url, 33, 60);
-        assertTransferFailed(await device.post(server.url, 'a=1'), server.url, 33, 60);
-        assert.equal(server.arrivals.length, 9);
-        assert.deepEqual(server.requests, []);
-    });
 });
 
 describe('A server that speaks only', {concurrency: 6}, () => {

@@ -2,7 +2,7 @@ import assert from 'node:assert/strict';
 import {existsSync, readFileSync, writeFileSync} from 'node:fs';
 import {describe, test} from 'node:test';
 
-import {Certificates, GOOD} from './certificates.mjs';
+import {GOOD} from './certificates.mjs';
 import {
     assertTransferFailed, drop, json, pathOf, reply, startDevice, startServer, succeeded,
 } from './lab.mjs';
@@ -98,14 +98,6 @@ for (const operation of ['exchange', 'refresh']) {
             assertTransferFailed(await lab[operation](), lab.url, 26, 52);
             assert.equal(lab.stored(), OLD);
             assert.equal(lab.server.arrivals.length, 3);
-        });
-
-        test('is not asked for with a certificate that is refused', async (t) => {
-            const tls = new Certificates(t).expired();
-            const lab = await start(t, json(TOKENS), {tls});
-            assertTransferFailed(await lab[operation](), lab.url, 33, 60);
-            assert.equal(lab.stored(), OLD);
-            assert.deepEqual(lab.server.requests, []);
         });
     });
 }

@@ -131,31 +131,10 @@ describe('Headers', CONCURRENCY, () => {
         assert.deepEqual(ownHeaders(sent), ['B: 3', 'a: 1', 'a-: 4', 'b: 2']);
     });
 
-    test('stay with the object, and the last value of a name counts', async (t) => {
-        const sent = await headersSent(t,
-            {headers: {'X-One': '1', 'X-Two': '1'}}, {headers: {'X-Two': '2', 'x-two': '3'}}, {});
-        assert.deepEqual(sent.map(ownHeaders), [
-            ['X-One: 1', 'X-Two: 1'],
-            ['X-One: 1', 'X-Two: 2', 'x-two: 3'],
-            ['X-One: 1', 'X-Two: 2', 'x-two: 3'],
-        ]);
-    });
-
     test('of a POST stay with the object and are sent with its GETs', async (t) => {
         const sent = await headersSent(t, {}, {op: 'post', body: 'a=1'}, {},
             {op: 'get', follow: false});
         assert.deepEqual(sent.map(ownHeaders), [[], [...FORM, 'Content-Length: 3'], FORM, FORM]);
-    });
-
-    test('of a POST are no other object\'s', async (t) => {
-        const sent = await headersSent(t, {op: 'post', body: ''}, {client: 'two'});
-        assert.deepEqual(ownHeaders(sent[1]), []);
-    });
-
-    test('of a POST replace those that were set before', async (t) => {
-        const headers = {'Content-Type': 'text/plain', charset: 'latin1'};
-        const [sent] = await headersSent(t, {op: 'post', body: '', headers});
-        assert.deepEqual(ownHeaders(sent), [...FORM, 'Content-Length: 0']);
     });
 
     test('replace those of the transfer', async (t) => {
@@ -220,14 +199,6 @@ describe('A connection', CONCURRENCY, () => {
             succeeded(await probe[op]({client: 'one', url: server.url, follow: false}));
         }
         assert.deepEqual([server.arrivals.length, server.requests.length], [3, 3]);
-    });
-
-    test('is not made for an empty URL, nor for an empty cookie path', async (t) => {
-        const device = startDevice(t);
-        assertRequestFailed(await device.get(''), '', 12, 'Got empty URL.');
-        const url = 'http://127.0.0.1:1/';
-        const answered = await device.get(url, {cookies: ''});
-        assertRequestFailed(answered, url, 12, 'Got empty cookie file path.');
     });
 });
 
