@@ -19,19 +19,18 @@ using fakes::world;
 
 namespace {
 
-bool fails(const char* name) {
+bool fails(const char* name, const char* argument = "") {
     if (!fakes::isUnderTest()) {
         return false;
     }
     const fakes::OwnWork own;
-    if (!world().enter(name, "")) {
+    if (!world().enter(name, argument)) {
         return false;
     }
     errno = EIO;
     return true;
 }
 
-// `Function` is only named to give the type, because some of these are declared noexcept.
 template <class Result, class... Arguments>
 Result real(const char* name, Arguments... arguments) {
     void* found = nullptr;
@@ -48,6 +47,8 @@ Result unlessItFails(Result failure, const char* name, Arguments... arguments) {
     return fails(name) ? failure : real<Result>(name, arguments...);
 }
 
+const char* cloexecIn(int flags) { return (flags & O_CLOEXEC) == 0 ? "" : "cloexec"; }
+
 }  // namespace
 
 extern "C" {
@@ -57,7 +58,7 @@ int open(const char* path, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) == 0 ? 0 : va_arg(arguments, mode_t);
     va_end(arguments);
-    return unlessItFails(-1, "open", path, flags, mode);
+    return fails("open", cloexecIn(flags)) ? -1 : real<int>("open", path, flags, mode);
 }
 
 int stat(const char* path, struct stat* status) noexcept {
@@ -89,7 +90,9 @@ ssize_t write(int file, const void* data, size_t size) {
 char* realpath(const char* path, char* resolved) noexcept {
     return unlessItFails<char*>(nullptr, "realpath", path, resolved);
 }
-int mkostemp(char* path, int flags) { return unlessItFails(-1, "mkostemp", path, flags); }
+int mkostemp(char* path, int flags) {
+    return fails("mkostemp", cloexecIn(flags)) ? -1 : real<int>("mkostemp", path, flags);
+}
 int fchmod(int file, mode_t mode) noexcept { return unlessItFails(-1, "fchmod", file, mode); }
 int fsync(int file) { return unlessItFails(-1, "fsync", file); }
 int rename(const char* from, const char* to) noexcept {

@@ -72,6 +72,12 @@ TEST_F(AccountRemoveTest, TakesAccountAndToken_KeepsTheRest) {
     EXPECT_THAT(profile_.folder().names(), ElementsAre("device.json"));
 }
 
+TEST_F(AccountRemoveTest, NewProfile_IsIndentedText) {
+    profile_.write(std::string(R"({"account": 1, "a": {"b": "c"}})"));
+    EXPECT_EQ(ORBATOVRAAccountRemove(), 0);
+    EXPECT_EQ(profile_.content(), "{\n    \"a\" : \n    {\n        \"b\" : \"c\"\n    }\n}\n");
+}
+
 TEST_F(AccountRemoveTest, AccountAndTokenAreGoneForReaders) {
     EXPECT_EQ(ORBATOVRAAccountRemove(), 0);
     EXPECT_EQ(readAccountId().error, ORBA_HOST_MEMBER_MISSING);

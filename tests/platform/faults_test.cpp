@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <klib/klib.h>
+#include <malloc.h>
 #include <orba_host_errors.h>
 #include <orbatovra/orbatovra.h>
 #include <orbatovra/services.h>
@@ -143,7 +144,7 @@ TEST_F(HostFaults, ReadingTheProfile_NeedsTheseCalls) {
     const fakes::UnderTest atWork;
     EXPECT_EQ(0, serial());
     EXPECT_THAT(world().calls,
-                ElementsAre("open()", "fstat()", "read()", "read()", "iconv_open()"));
+                ElementsAre("open(cloexec)", "fstat()", "read()", "read()", "iconv_open()"));
 }
 
 TEST_F(HostFaults, FailedRead_WritesNothing) {
@@ -187,20 +188,20 @@ struct RemoveCall {
 };
 
 constexpr RemoveCall kRemoveCalls[] = {
-    {"open()", ORBA_HOST_PROFILE_UNREADABLE},  // the profile
+    {"open(cloexec)", ORBA_HOST_PROFILE_UNREADABLE},  // the profile
     {"fstat()", ORBA_HOST_PROFILE_UNREADABLE},
     {"read()", ORBA_HOST_PROFILE_UNREADABLE},
     {"read()", ORBA_HOST_PROFILE_UNREADABLE},
     {"iconv_open()", ORBA_HOST_OUT_OF_MEMORY},
     {"iconv_open()", ORBA_HOST_OUT_OF_MEMORY},  // the new text
     {"realpath()", ORBA_HOST_PROFILE_NOT_WRITABLE},
-    {"mkostemp()", ORBA_HOST_PROFILE_NOT_WRITABLE},
+    {"mkostemp(cloexec)", ORBA_HOST_PROFILE_NOT_WRITABLE},
     {"stat()", ORBA_HOST_PROFILE_NOT_WRITABLE},
     {"fstat()", ORBA_HOST_PROFILE_NOT_WRITABLE},
     {"fchmod()", ORBA_HOST_PROFILE_NOT_WRITABLE},
     {"write()", ORBA_HOST_PROFILE_NOT_WRITABLE},
     {"fsync()", ORBA_HOST_PROFILE_NOT_WRITABLE},
-    {"open()", ORBA_HOST_OK},  // the folder, which only makes the rename last
+    {"open(cloexec)", ORBA_HOST_OK},  // the folder, which only makes the rename last
     {"rename()", ORBA_HOST_PROFILE_NOT_WRITABLE},
     {"fsync()", ORBA_HOST_OK},
 };
@@ -276,7 +277,7 @@ class RequestFaults : public HostFaults {
     // Returns the error number; `body` is what the response held, null for none.
     int send() {
         TovraHttpsRequestRecord request{};
-        request.server = "host:1";
+        request.server = "my~host:1";
         request.path = "some/path";
         request.parameters = table.get();
         TovraHttpsResponseRecord response{};
@@ -285,6 +286,7 @@ class RequestFaults : public HostFaults {
             const fakes::OwnWork own;
             body.reset();
             if (response.body != nullptr) {
+                room = ::malloc_usable_size(response.body);
                 body = response.body;
             }
         }
@@ -312,6 +314,7 @@ class RequestFaults : public HostFaults {
     };
     std::unique_ptr<KLIBCSzHash, Free> table;
     std::optional<std::string> body;
+    std::size_t room = 0;  // of the allocated body
     std::string text;
 };
 
@@ -320,7 +323,7 @@ TEST_F(RequestFaults, Send_SetsTheseOptions) {
     EXPECT_EQ(ORBA_HOST_OK, send());
     EXPECT_THAT(fakes::callsOf({"curl_easy_setopt"}),
                 ElementsAre("curl_easy_setopt(CURLOPT_ERRORBUFFER, )",
-                            "curl_easy_setopt(CURLOPT_URL, https://host:1/some/path)",
+                            "curl_easy_setopt(CURLOPT_URL, https://my~host:1/some/path)",
                             "curl_easy_setopt(CURLOPT_PROTOCOLS_STR, https)",
                             "curl_easy_setopt(CURLOPT_FOLLOWLOCATION, 0)",
                             "curl_easy_setopt(CURLOPT_TIMEOUT, 30)",
@@ -392,6 +395,13 @@ TEST_F(RequestFaults, BodyInPieces_IsJoined) {
     answer({CURLE_OK, 200, "", {"one ", "", "two"}, {}});
     EXPECT_EQ(ORBA_HOST_OK, send());
     EXPECT_EQ("one two", body);
+}
+
+// 24 bytes fill a block of the C library's.
+TEST_F(RequestFaults, Body_HasRoomForItsEnd) {
+    answer({CURLE_OK, 200, std::string(24, 'x'), {}, {}});
+    EXPECT_EQ(ORBA_HOST_OK, send());
+    EXPECT_GT(room, 24U);
 }
 
 TEST_F(RequestFaults, EmptyBody_IsNone) {

@@ -1,6 +1,8 @@
 // The host edition's klib; what its serial number reads is tested with the profile.
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <klib/klib.h>
+#include <malloc.h>
 #include <orba_host_errors.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -86,6 +88,15 @@ TEST(FileTouch, WritingForbidden_Fails) {
     EXPECT_EQ(asOrdinaryUser([&] { return -KLIBCFileTouch(path.c_str()); }), EACCES);
 }
 
+TEST(FileTouch, DescriptorZero_IsOneToo) {
+    const int input = ::dup(STDIN_FILENO);
+    ::close(STDIN_FILENO);
+    EXPECT_EQ(KLIBCFileTouch("/dev/null"), 0);
+    EXPECT_EQ(::fcntl(STDIN_FILENO, F_GETFD), -1) << "left open";
+    ::dup2(input, STDIN_FILENO);
+    ::close(input);
+}
+
 TEST(FileTouch, NoPath_Fails) {
     EXPECT_EQ(KLIBCFileTouch(nullptr), -EINVAL);
     EXPECT_EQ(KLIBCFileTouch(""), -ENOENT);
@@ -97,10 +108,10 @@ TEST(FileTouch, NoPath_Fails) {
 TEST(SerialNumber, FitsItsBufferExactly) {
     const HostProfile profile;
     profile.writeWith("serial_number", "12345");
-    char serial[7] = "------";
+    char serial[] = "-------";
     EXPECT_EQ(KLIBGetSerialNumber(serial, 6), 0);
     EXPECT_STREQ(serial, "12345");
-    EXPECT_EQ(serial[6], '\0');
+    EXPECT_EQ(serial[6], '-');
 }
 
 TEST(SerialNumber, NoRoomForTheNul_Fails) {
@@ -111,11 +122,12 @@ TEST(SerialNumber, NoRoomForTheNul_Fails) {
     EXPECT_STREQ(serial, "-");
 }
 
-TEST(SerialNumber, NoBuffer_Fails) {
+TEST(SerialNumber, NoBufferOrOneForNothing_Fails) {
     const HostProfile profile;
     char serial[36] = "-";
     EXPECT_EQ(KLIBGetSerialNumber(nullptr, 36), -ORBA_HOST_INVALID_ARGUMENT);
     EXPECT_EQ(KLIBGetSerialNumber(serial, 0), -ORBA_HOST_INVALID_ARGUMENT);
+    EXPECT_EQ(KLIBGetSerialNumber(serial, 1), -ORBA_HOST_MEMBER_TOO_LONG);
     EXPECT_STREQ(serial, "-");
 }
 
@@ -193,6 +205,14 @@ TEST(HashAlloc, SizeIsOnlyAHint) {
         EXPECT_EQ(KLIBCSzHashSetValue(&table, "key", "value"), 0) << size;
         KLIBCSzHashFree(table);
     }
+}
+
+TEST(HashFree, LeavesNothingAllocated) {
+    const auto before = ::mallinfo2().uordblks;
+    for (int n = 0; n < 10000; ++n) {
+        KLIBCSzHashFree(KLIBCSzHashAlloc(0));
+    }
+    EXPECT_LT(::mallinfo2().uordblks, before + 100000);
 }
 
 TEST(HashFree, Null_IsAllowed) { KLIBCSzHashFree(nullptr); }

@@ -2,6 +2,7 @@
 // its calls read is tested with the profile, and its requests with a server.
 #include <gtest/gtest.h>
 #include <klib/klib.h>
+#include <malloc.h>
 #include <orba_host_errors.h>
 #include <orbatovra/orbatovra.h>
 #include <orbatovra/services.h>
@@ -55,17 +56,18 @@ TEST(ErrorNumber, BelongsToItsThread) {
 TEST(UserAgent, FitsItsBufferExactly) {
     const HostProfile profile;
     profile.writeWith("user_agent", "12345");
-    char name[7] = "------";
+    char name[] = "-------";
     EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, 6), 0);
     EXPECT_STREQ(name, "12345");
-    EXPECT_EQ(name[6], '\0');
+    EXPECT_EQ(name[6], '-');
 }
 
-TEST(UserAgent, NoBuffer_Fails) {
+TEST(UserAgent, NoBufferOrOneForNothing_Fails) {
     const HostProfile profile;
     char name[2] = "-";
     EXPECT_EQ(ORBATOVRAUserAgentNameGet(nullptr, 256), -ORBA_HOST_INVALID_ARGUMENT);
     EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, 0), -ORBA_HOST_INVALID_ARGUMENT);
+    EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, 1), -ORBA_HOST_MEMBER_TOO_LONG);
     EXPECT_STREQ(name, "-");
 }
 
@@ -167,6 +169,16 @@ TEST(HttpsResponseFree, ZeroNullAndTwice_AreAllowed) {
     ORBATOVRAHttpsResponseFree(&response);
 }
 
+TEST(HttpsResponseFree, LeavesNothingAllocated) {
+    const auto before = ::mallinfo2().uordblks;
+    for (int n = 0; n < 1000; ++n) {
+        TovraHttpsResponseRecord response{};
+        response.body = static_cast<char*>(std::malloc(1000));
+        ORBATOVRAHttpsResponseFree(&response);
+    }
+    EXPECT_LT(::mallinfo2().uordblks, before + 100000);
+}
+
 // ---- the services without a server
 // -----------------------------------------------------------------
 
@@ -194,6 +206,25 @@ TEST(Services, NoToken_SaysWhichMemberOfWhichProfile) {
     EXPECT_EQ(refusal(token), "no PKCE access token" + cause);
     EXPECT_EQ(refusal(grant), "no grant" + cause);
     EXPECT_EQ(ORBATOVRAErrGet(), static_cast<unsigned int>(ORBA_HOST_MEMBER_MISSING));
+}
+
+TEST(Services, ProfileThatCannotBeUsed_SaysWhy) {
+    const HostProfile profile;
+    const auto expectCause = [&](const std::string& cause) {
+        EXPECT_EQ(refusal(token),
+                  "no PKCE access token: device profile " + profile.path() + ": " + cause);
+    };
+    profile.writeWith("pkce_access_token", 1);
+    expectCause("the member \"pkce_access_token\" is not a text");
+    profile.writeWith("pkce_access_token", "\n");
+    expectCause("the member \"pkce_access_token\" holds a control character");
+    profile.write(std::string("[]"));
+    expectCause("not a JSON object in UTF-8");
+    profile.write(std::string(1024 * 1024 + 1, ' '));
+    expectCause("more than 1 MiB");
+    profile.use(profile.folder().path());
+    EXPECT_EQ(refusal(token), "no PKCE access token: device profile " + profile.folder().path() +
+                                  ": not a regular file");
 }
 
 TEST(Services, NoProfile_SaysWhichPath) {

@@ -80,8 +80,8 @@ TEST_P(ReaderTest, MemberOfAnotherType_Fails) {
 }
 
 TEST_P(ReaderTest, MemberWithControlCharacter_Fails) {
-    for (const std::string& value :
-         {std::string("a\r\nb"), std::string("a\0b", 3), std::string("\t"), std::string("\x7F")}) {
+    for (const std::string& value : {std::string("a\r\nb"), std::string("a\0b", 3),
+                                     std::string("\t"), std::string("\x1F"), std::string("\x7F")}) {
         profile_.writeWith(member(), value);
         EXPECT_EQ(read().error, ORBA_HOST_MEMBER_TYPE) << ::testing::PrintToString(value);
     }
@@ -174,7 +174,7 @@ const BrokenProfile kBrokenProfiles[] = {
     {"Null", ORBA_HOST_PROFILE_MALFORMED, content("null")},
     {"NulByte", ORBA_HOST_PROFILE_MALFORMED, content(std::string("{}\0", 3))},
     {"NulByteInText", ORBA_HOST_PROFILE_MALFORMED, content(std::string("{\"x\": \"\0\"}", 10))},
-    {"NestedTooDeeply", ORBA_HOST_PROFILE_MALFORMED, content(nested(65))},
+    {"NestedTooDeeply", ORBA_HOST_PROFILE_MALFORMED, content(nested(64))},
     {"NestedVeryDeeply", ORBA_HOST_PROFILE_MALFORMED, content(nested(400000))},
     {"Utf8LoneByte", ORBA_HOST_PROFILE_MALFORMED, content("{\"x\": \"\xFF\"}")},
     {"Utf8CutOff", ORBA_HOST_PROFILE_MALFORMED, content("{\"x\": \"\xC3\"}")},
@@ -219,6 +219,12 @@ TEST(Profile, ByteOrderMark_IsPassedOver) {
     const HostProfile profile;
     profile.write("\xEF\xBB\xBF" + sampleProfile().toStyledString());
     EXPECT_EQ(readUserAgent().error, ORBA_HOST_OK);
+}
+
+TEST(Profile, HighestCharacter_IsRead) {
+    const HostProfile profile;
+    profile.writeWith("user_agent", "\xF4\x8F\xBF\xBF");
+    EXPECT_EQ(readUserAgent().text, "\xF4\x8F\xBF\xBF");
 }
 
 TEST(Profile, DeepestNesting_IsRead) {
