@@ -8,7 +8,7 @@ import {readFileSync, writeFileSync} from 'node:fs';
 import {fileURLToPath} from 'node:url';
 
 const [resultsFile, option] = process.argv.slice(2);
-const results = {threads: [], signIn: [], ...JSON.parse(readFileSync(resultsFile, 'utf8'))};
+const results = {threads: [], signIn: [], session: [], ...JSON.parse(readFileSync(resultsFile, 'utf8'))};
 const MIB = 1 << 20;
 
 // A ratio says how much more ours takes than bare: time, memory, or the growth of either.
@@ -69,6 +69,8 @@ const steps = results.signIn.map((step) => ({
 const pairTable = (title, records, across) =>
     matrix(title, records, ({operation}) => operation, across, ({ours, ratio}) => withRatio(time(ours), ratio));
 
+const interval = ({low, high}) => `${low.toFixed(3)} to ${high.toFixed(3)}`;
+
 const tables = {
     requests: pairTable('Operation', results.requests, ({transport}) => transport),
     replies: pairTable('Time', results.replies, ({bytes}) => size(bytes)),
@@ -86,6 +88,13 @@ const tables = {
         ...[['total', 'whole'], ...PHASES].map(([phase, title]) =>
             [title, ...steps.map((step) => time(step[phase]))]),
     ]),
+    session: table(['Session', ''], results.session.flatMap((session) => [
+        ['accessToken() with a good token of 1,000 bytes, processor time', time(session.token)],
+        ['two threads that share a session, beside two with their own, throughput', interval(session.scaling)],
+        ['web login with exchange, processor time', time(session.signIn)],
+        ['the same by hand', time(session.byHand)],
+        ['of both, the request of the account-service library', time(session.accountService)],
+    ])),
 };
 
 // ---- Targets -------------------------------------------------------------------------------------
@@ -97,7 +106,6 @@ function judge({count, low, high}, limit) {
 }
 
 const verdict = (held) => (held ? 'held' : 'MISSED');
-const interval = ({low, high}) => `${low.toFixed(3)} to ${high.toFixed(3)}`;
 
 // [what, measured, target, verdict]
 function pairCheck(what, {ratio, processorRatio}, limit = TARGET) {
@@ -130,6 +138,15 @@ function instructionChecks({operation, ours, bare}) {
         verdict(ours.own > 0 && ours.own < INSTRUCTIONS_TARGET)]];
 }
 
+// More threads are to cost nothing, but share a processor when the machine is busy.
+function sessionChecks({token, scaling, signInRatio}) {
+    const scales = scaling.low >= 0.85 ? 'held' : scaling.high < 0.85 ? 'MISSED' : 'unclear';
+    return [['accessToken(), processor time', time(token), '< 200 ns', verdict(token < 200e-9)],
+        ['accessToken(), two threads, throughput', interval(scaling), '>= 0.85', scales],
+        ["web login with exchange beside by hand, without the account-service library's request",
+            interval(signInRatio), '<= 0.5', judge(signInRatio, 0.5)]];
+}
+
 const checks = [
     ...results.requests.map((pair) => pairCheck(`${pair.operation}, ${pair.transport}`, pair,
         pair.transport.startsWith('HTTPS') ? TLS_TARGET : TARGET)),
@@ -143,6 +160,7 @@ const checks = [
     ...results.threads.map(({variant, count, ratio}) =>
         [`threads: ${count}, ${variant}`, interval(ratio), `<= ${TARGET}`, judge(ratio, TARGET)]),
     ...results.instructions.flatMap(instructionChecks),
+    ...results.session.flatMap(sessionChecks),
 ];
 
 // ---- docs/ ---------------------------------------------------------------------------------------

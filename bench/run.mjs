@@ -3,8 +3,8 @@
 //
 // usage: node run.mjs PROGRAM BUNDLE RESULTS [--short]
 //
-// PROGRAM is orba-bench, BUNDLE a copy of the machine's CA bundle. --short measures less, and less
-// exactly, in a fraction of the time.
+// PROGRAM is orba-bench, with orba-bench-session beside it; BUNDLE is a copy of the machine's CA bundle.
+// --short measures less, and less exactly, in a fraction of the time.
 import {spawn, spawnSync} from 'node:child_process';
 import {existsSync, mkdirSync, readFileSync, writeFileSync} from 'node:fs';
 import {cpus, loadavg} from 'node:os';
@@ -165,6 +165,25 @@ function signIn() {
     });
 }
 
+// Both sign in at the test cloud; the token command runs on all processors.
+function session() {
+    const env = {
+        ORBA_BENCH_BUNDLE: bundle, ORBA_HOST_PROFILE: `${folder}/web.json`,
+        ORBA_AUTHORIZATION_ENDPOINT: servers.authorizationEndpoint, ORBA_TOKEN_ENDPOINT: servers.tokenEndpoint,
+    };
+    const token = JSON.parse(measured(env, 'taskset', '-c', list, `${program}-session`, 'token', '0.2', '15'));
+    const signIns = JSON.parse(measured(env, `${program}-session`, 'sign-in', String(SIGN_INS)));
+    const medianOf = (values) => spread(values).median;
+    return [{
+        token: medianOf(token.one),
+        scaling: spread(token.shared.map((rate, i) => rate / token.own[i])),
+        signIn: medianOf(signIns.session), byHand: medianOf(signIns.byHand),
+        accountService: medianOf(signIns.accountService),
+        signInRatio: spread(signIns.session.map((seconds, i) =>
+            (seconds - signIns.accountService[i]) / (signIns.byHand[i] - signIns.accountService[i]))),
+    }];
+}
+
 function machine() {
     const output = (...command) => measured({}, ...command).trim();
     const [, system] = readFileSync('/etc/os-release', 'utf8').match(/^PRETTY_NAME="(.*)"$/m);
@@ -188,7 +207,7 @@ async function run() {
     servers = JSON.parse(readFileSync(`${folder}/servers.json`, 'utf8'));
     const results = {short: plan === SHORT, machine: machine()};
     const parts = {requests, replies, texts, memory, instructions};
-    if (plan === FULL) Object.assign(parts, {threads, signIn});
+    if (plan === FULL) Object.assign(parts, {threads, signIn, session});
     for (const [name, measure] of Object.entries(parts)) {
         console.error(`scripts/bench: ${name}`);
         results[name] = measure();

@@ -27,9 +27,12 @@ using std::chrono::milliseconds;
 
 enum class Retry { halfSecond, backOff, fixedRetryAfter, spreadRetryAfter };
 
-constexpr int kBootTime = 20'000;  // everything in ms
-constexpr int kRoundTrip = 50;
-constexpr int kHorizon = 3'600'000;
+using Time = std::size_t;  // in ms
+
+constexpr Time kBootTime = 20'000;
+constexpr Time kRoundTrip = 50;
+constexpr Time kHalfSecond = 500;
+constexpr Time kHorizon = 1'800'000;
 constexpr std::uint32_t kNone = UINT32_MAX;
 
 struct Device {
@@ -47,20 +50,20 @@ class Fleet {
           steps(requestsPerSignIn),
           retry(way) {
         for (std::uint32_t id = 0; id < size; ++id) {
-            schedule(id, std::uniform_int_distribution<int>(0, kBootTime)(random));
+            schedule(id, std::uniform_int_distribution<Time>(0, kBootTime)(random));
         }
     }
 
-    // Until 99 % are signed in, or the horizon.
+    // Until 99 % are signed in, for half an hour at most.
     void run() {
         double tokens = 0;
         while (now < kHorizon && signedIn < devices.size() * 99 / 100) {
             tokens = std::min(tokens + rate / 1000, rate);
-            int asking = 0;
+            std::uint64_t asking = 0;
             for (std::uint32_t id = first[now]; id != kNone; id = devices[id].next) {
                 ++asking;
             }
-            const double chance = asking > tokens ? tokens / asking : 1;
+            const double chance = tokens / std::max(1.0, static_cast<double>(asking));
             for (std::uint32_t id = first[now]; id != kNone;) {
                 const std::uint32_t next = devices[id].next;
                 const bool served = tokens >= 1 && fraction() < chance;
@@ -80,7 +83,8 @@ class Fleet {
     void print(const char* name) const {
         std::cout << R"({"way":")" << name << R"(","requestsPerSignIn":)" << steps
                   << R"(,"devices":)" << devices.size() << R"(,"rate":)" << rate << R"(,"seconds":)"
-                  << now / 1000.0 << R"(,"signedIn":)" << signedIn << R"(,"requests":)" << requests;
+                  << static_cast<double>(now) / 1000 << R"(,"signedIn":)" << signedIn
+                  << R"(,"requests":)" << requests;
         printList("requestsBySecond", perSecond);
         printList("signedInBySecond", signedInBySecond);
         std::cout << "}" << std::endl;
@@ -89,7 +93,7 @@ class Fleet {
   private:
     double fraction() { return std::uniform_real_distribution<double>(0, 1)(random); }
 
-    void schedule(std::uint32_t id, int time) {
+    void schedule(std::uint32_t id, Time time) {
         std::uint32_t& head = first[std::min(time, kHorizon)];
         devices[id].next = head;
         head = id;
@@ -109,9 +113,9 @@ class Fleet {
     }
 
     // A service waits for SessionException::retryAfter(), which is in whole seconds.
-    int wait(Device& device) {
+    Time wait(Device& device) {
         if (retry == Retry::halfSecond) {
-            return 500;
+            return kHalfSecond;
         }
         if (!device.gate) {
             device.gate = std::make_unique<RetryGate>("", "");
@@ -119,9 +123,8 @@ class Fleet {
         Failure failure = {17, Remedy::tryLater, ""};
         failure.retryAfter = retryAfter();
         device.gate->close(failure, milliseconds(now), fraction());
-        return static_cast<int>(
-                   std::chrono::ceil<std::chrono::seconds>(failure.retryAfter).count()) *
-               1000;
+        const auto whole = std::chrono::ceil<std::chrono::seconds>(failure.retryAfter);
+        return static_cast<Time>(milliseconds(whole).count());
     }
 
     // What the server asks for: one time for all, or spread over the time that it needs for those
@@ -153,7 +156,7 @@ class Fleet {
     const int steps;
     const Retry retry;
     std::mt19937_64 random{1};
-    int now = 0;
+    Time now = 0;
     std::uint64_t signedIn = 0;
     std::uint64_t requests = 0;
     std::uint64_t counted = 0;

@@ -42,5 +42,6 @@ int main(int argc, char** argv) try {
     return 0;
 } catch (const orba::SessionException& e) {
     std::cerr << "fleet-lens: " << e.what() << '\n';
-    return e.remedy() == orba::Remedy::tryLater ? 75 : 1;  // 75: the service manager starts it again
+    // The service manager starts it again after 75.
+    return e.remedy() == orba::Remedy::tryLater ? 75 : 1;
 }
