@@ -82,8 +82,8 @@ class TokenKeeper {
     void postponeEarly(nanoseconds until);
     void publish();
 
-    const Settings& settings;
     Shelf shelf;
+    const Settings& settings;
 
     mutable std::mutex mutex;  // of these two, which one thread writes and all read
     std::optional<HeldToken> atHand;

@@ -334,13 +334,14 @@ void TokenStore::lock(const Call& call) {
 Descriptor TokenStore::openInWorkFolder(const char* file, int flags) {
     const std::string what = path + ".work/" + file;
     Descriptor opened(openAt(work.get(), file, flags, kFileMode));
-    if (!opened.isOpen() && errno == ENOENT && (flags & O_CREAT) != 0 && openWorkFolder(true)) {
-        opened = Descriptor(openAt(work.get(), file, flags, kFileMode));  // somebody had removed it
-    }
-    if (!opened.isOpen()) {
-        if (errno == ENOENT) {
+    if (!opened.isOpen() && errno == ENOENT) {
+        if ((flags & O_CREAT) == 0) {
             return opened;
         }
+        openWorkFolder(true);  // somebody has removed it
+        opened = Descriptor(openAt(work.get(), file, flags, kFileMode));
+    }
+    if (!opened.isOpen()) {
         failOnFile("Cannot open " + what, errno);
     }
     if (!isOurs(statusOf(opened.get(), what), S_IFREG)) {
@@ -370,9 +371,6 @@ void TokenStore::reserve() {
     }
     dropReserve();
     reserved = openInWorkFolder(kReserve, O_RDWR | O_CREAT | O_EXCL);
-    if (!reserved.isOpen()) {
-        failOnFile("Cannot make " + path + ".work/" + kReserve, ENOENT);
-    }
     setMode(reserved.get(), kFileMode, path + ".work/" + kReserve);
     allocate(reserved.get(), kReserveSize, path);
     synchronize(reserved.get(), path + ".work/" + kReserve);
@@ -413,19 +411,13 @@ std::string TokenStore::readGate() {
 void TokenStore::allocateGate() {
     const Descriptor file = openInWorkFolder(kGate, O_RDWR | O_CREAT);
     const std::string what = path + ".work/" + kGate;
-    if (!file.isOpen()) {
-        failOnFile("Cannot make " + what, ENOENT);
-    }
     setMode(file.get(), kFileMode, what);
     allocate(file.get(), kGateSize, what);
 }
 
 void TokenStore::writeGate(const std::string& text) {
-    const Descriptor file = openInWorkFolder(kGate, O_RDWR);
+    const Descriptor file = openInWorkFolder(kGate, O_RDWR | O_CREAT);
     const std::string what = path + ".work/" + kGate;
-    if (!file.isOpen()) {
-        failOnFile("Cannot open " + what, ENOENT);
-    }
     std::string record = text;
     record.resize(std::max(record.size(), kGateSize));
     writeAt(file.get(), record, what);

@@ -90,6 +90,7 @@ class TokenStore {
 
   private:
     bool openWorkFolder(bool create);
+    // Not open: there is none, and O_CREAT is not among the flags.
     Descriptor openInWorkFolder(const char* name, int flags);
     void putInPlace(int file, std::size_t length);
 
