@@ -2,12 +2,10 @@
 #include <fcntl.h>
 #include <sys/file.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <filesystem>
 #include <stdexcept>
-#include <thread>
 
 #include "orbaoauth2client/errors.h"
 #include "stand_ins.h"
@@ -615,6 +613,140 @@ TEST_F(SessionTest, FilesOfOthers_AreCheckDevice) {
     token();
 }
 
+TEST_F(SessionTest, ForeignOwners_AreCheckDevice) {
+    if (geteuid() != 0) {
+        GTEST_SKIP() << "only root can give files away";
+    }
+    const auto expectUnusable = [&](const std::string& path) {
+        restart();
+        ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
+        expectFailure(38, Remedy::checkDevice, [&] {
+            token();
+            out().advance(2h);  // a good token needs no work folder
+            token();
+        });
+        ASSERT_EQ(0, chown(path.c_str(), 0, 0));
+    };
+    token();
+    const std::string work = tokenFile() + ".work";
+    for (const std::string& path : {folder, tokenFile(), work, work + "/lock", work + "/gate"}) {
+        expectUnusable(path);
+    }
+}
+
+TEST_F(SessionTest, ModesThatKeepTheOwnerOut_AreRepaired) {
+    token();
+    for (const char* const name : {"/lock", "/gate"}) {
+        std::filesystem::permissions(tokenFile() + ".work" + name, std::filesystem::perms(0));
+    }
+    outside::get().error = EACCES;
+    fakes::world().failAt["openat"] = fakes::world().counts["openat"] + 3;
+    out().advance(2h);
+    EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, InterruptedCalls_AreRepeated) {
+    token();
+    out().advance(2h);
+    outside::get().error = EINTR;
+    for (const char* const name : {"openat", "fsync", "pwrite", "flock", "ftruncate", "pread"}) {
+        fakes::world().failAt[name] = fakes::world().counts[name] + 1;
+    }
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ("rt-3", stored()["refresh_token"].asString());
+}
+
+TEST_F(SessionTest, FolderThatCannotBeWritten_FailsBeforeTheRefreshTokenIsSpent) {
+    token();
+    out().advance(2h);
+    fakes::world().failAt["faccessat"] = fakes::world().counts["faccessat"] + 1;
+    expectFailure(38, Remedy::checkDevice);
+    EXPECT_EQ(3U, out().requests.size());
+}
+
+TEST_F(SessionTest, FileSystemThatCannotReserve_IsBestEffort) {
+    for (const int error : {EOPNOTSUPP, EINVAL, ENOSYS, EINTR}) {
+        fakes::world().failAt["posix_fallocate"] = fakes::world().counts["posix_fallocate"] + 1;
+        outside::get().error = error;
+        EXPECT_NE("", token());
+        session().signOut();
+    }
+}
+
+TEST_F(SessionTest, WorkFolderRemovedDuringAnErrand_IsMadeAgain) {
+    token();
+    out().advance(2h);
+    fakes::world().onCall = [this](const std::string& name) {
+        if (name == "faccessat") {
+            std::filesystem::remove_all(tokenFile() + ".work");
+        }
+    };
+    EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, UnstoredTokens_StillUnstoredLater) {
+    token();
+    out().advance(2h);
+    fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
+    token();
+    for (int i = 0; i < 2; ++i) {
+        out().advance(1s);
+        fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
+        EXPECT_EQ("at-3", token());
+        EXPECT_EQ("at-2", stored()["access_token"].asString());
+    }
+    writeFile(tokenFile(), "{}");  // somebody else's, so ours are out of date
+    out().advance(2h);
+    EXPECT_EQ("at-6", token());
+}
+
+TEST_F(SessionTest, EarlyRenewal_WithoutRefreshToken_NeverSignsIn) {
+    answerTokens({200, R"({"access_token":"a","token_type":"Bearer","expires_in":3600})"});
+    token();
+    restart();
+    out().advance(3530s);
+    EXPECT_EQ("a", token());
+    EXPECT_EQ(3U, out().requests.size());
+}
+
+// Another process has renewed the token since this one read it.
+TEST_F(SessionTest, EarlyRenewal_TakesTheTokenOfAnotherProcess) {
+    token();
+    Session other(settings());
+    EXPECT_EQ("at-2", other.accessToken().text);
+    out().advance(3530s);
+    const std::string renewed = other.accessToken().text;
+    EXPECT_EQ("at-3", renewed);
+    EXPECT_EQ(renewed, token());
+    EXPECT_EQ(4U, out().requests.size());
+}
+
+TEST_F(SessionTest, CancelDuringTheGrant_IsThrown) {
+    out().grant = [this] {
+        session().cancel();
+        return std::string("code");
+    };
+    expectFailure(35, Remedy::cancelled);
+}
+
+TEST_F(SessionTest, ReplyWithoutMemory_IsAFailedTransfer) {
+    // Long enough to be allocated.
+    answerTokens({503, "", "", {"Retry-After: Sun, 06 Nov 1994 08:50:37 GMT"}});
+    fakes::world().onCall = [](const std::string& name) {
+        if (name == "curl_multi_perform" && out().requests.size() == 2) {
+            fakes::world().failAt["operator new"] = fakes::world().counts["operator new"] + 1;
+        }
+    };
+    fakes::UnderTest underTest;
+    int code = 0;
+    try {
+        token();
+    } catch (const SessionException& exception) {
+        code = exception.errCode();
+    }
+    EXPECT_EQ(26, code);
+}
+
 TEST_F(SessionTest, FileThatIsTooLarge_CountsAsNone) {
     writeFile(tokenFile(), std::string(2'000'000, ' '));
     token();
@@ -824,40 +956,6 @@ TEST_F(SessionTest, LockOfAnotherProcess_IsWaitedForUntilTheTimeout) {
     token();
 }
 
-TEST_F(SessionTest, ForkedChild_IsRefusedAndMakesItsOwn) {
-    token();
-    const pid_t child = fork();
-    if (child == 0) {
-        bool refused = false;
-        try {
-            token();
-        } catch (const SessionException& exception) {
-            refused = exception.errCode() == 34 && exception.remedy() == Remedy::fixSettings;
-        }
-        Session own(settings());
-        const bool works = own.accessToken().text == "at-2";
-        theSession.reset();
-        _exit(refused && works ? 0 : 1);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    EXPECT_EQ(0, status);
-}
-
-TEST_F(SessionTest, ManyThreads_ShareOneRequest) {
-    std::vector<std::thread> threads;
-    std::atomic<int> good{0};
-    session();
-    for (int i = 0; i < 8; ++i) {
-        threads.emplace_back([&] { good += token() == "at-2" ? 1 : 0; });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(8, good);
-    EXPECT_EQ(3U, out().requests.size());
-}
-
 // ---- Settings
 // ------------------------------------------------------------------------------------
 
@@ -912,6 +1010,30 @@ TEST_F(SessionTest, RefusedSettings_AreNamed) {
         Settings given = settings();
         given.redirectUri = uri;
         EXPECT_NO_THROW(const Session session(given)) << uri;
+    }
+}
+
+// libcurl gives a redirect that it cannot parse as it came.
+TEST_F(SessionTest, RedirectUriThatIsNoUrl_StaysAsItIs) {
+    Settings given = settings();
+    given.redirectUri = "https://[::1/cb";
+    EXPECT_NO_THROW(const Session session(given));
+}
+
+TEST_F(SessionTest, SettingsWithoutMemory_AreNotBlamed) {
+    const Settings given = settings();
+    fakes::world().counts.clear();
+    {
+        const fakes::UnderTest underTest;
+        const Session session(given);
+    }
+    for (const auto& [name, count] : std::map(fakes::world().counts)) {
+        for (int n = 1; n <= count; ++n) {
+            fakes::reset();
+            fakes::world().failAt[name] = n;
+            const fakes::UnderTest underTest;
+            EXPECT_THROW(const Session session(given), std::bad_alloc) << name << " " << n;
+        }
     }
 }
 

@@ -358,7 +358,7 @@ int __wrap_nanosleep(const timespec* request, timespec* /*remainder*/) {
         {                                                         \
             const OwnWork own;                                    \
             if (world().enter(#name, "")) {                       \
-                errno = EIO;                                      \
+                errno = outside::get().error;                     \
                 return failure;                                   \
             }                                                     \
         }                                                         \
@@ -381,7 +381,10 @@ ORBA_FAULTY(int, mkdirat, -1, (int folder, const char* name, mode_t mode), (fold
 ORBA_FAULTY(int, unlinkat, -1, (int folder, const char* name, int flags), (folder, name, flags))
 ORBA_FAULTY(int, renameat, -1, (int from, const char* old, int to, const char* name),
             (from, old, to, name))
-ORBA_FAULTY(int, posix_fallocate, ENOSPC, (int file, off_t begin, off_t size), (file, begin, size))
+ORBA_FAULTY(int, faccessat, -1, (int folder, const char* name, int mode, int flags),
+            (folder, name, mode, flags))
+ORBA_FAULTY(int, posix_fallocate, outside::get().error, (int file, off_t begin, off_t size),
+            (file, begin, size))
 ORBA_FAULTY(int, RAND_bytes, 0, (unsigned char* bytes, int count), (bytes, count))
 ORBA_FAULTY(int, EVP_Digest, 0,
             (const void* data, size_t count, unsigned char* digest, unsigned int* size,
@@ -397,7 +400,7 @@ int __wrap_openat(int folder, const char* name, int flags, ...) {
     {
         const OwnWork own;
         if (world().enter("openat", "")) {
-            errno = EIO;
+            errno = outside::get().error;
             return -1;
         }
     }
@@ -408,7 +411,7 @@ int __real_open(const char* name, int flags, mode_t mode);
 int __wrap_open(const char* name, int flags, ...) {
     const OwnWork own;
     if (world().enter("open", "")) {
-        errno = EIO;
+        errno = outside::get().error;
         return -1;
     }
     return __real_open(name, flags, 0);

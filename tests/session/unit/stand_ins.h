@@ -43,6 +43,7 @@ struct Outside {
     std::chrono::nanoseconds boot = std::chrono::hours(10);
     std::chrono::nanoseconds wall = std::chrono::seconds(1'800'000'000);
     bool linked = true;
+    int error = 5;  // EIO: the errno of a failing system call
     std::string account = "account-1";
     // The account service's grant; by default the device has no PKCE access token.
     std::function<std::string()> grant;

@@ -1,0 +1,160 @@
+// One session in several threads and over forks.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+
+#include "stand_ins.h"
+
+namespace {
+
+using namespace ORBA::OAuth2Session;
+using namespace std::chrono_literals;
+using outside::Answer;
+using outside::Request;
+
+outside::Outside& out() { return outside::get(); }
+
+// Holds the first call of a kind up until the other threads have had the time to wait for it.
+class SharedSession : public SessionTest {
+  protected:
+    // Runs `first`; while it is in that call, `others` run in threads of their own. Gives codes, or
+    // 0.
+    std::vector<int> during(const std::string& call, const std::function<void()>& first,
+                            const std::vector<std::function<void()>>& others) {
+        session();
+        std::vector<int> codes(others.size(), 0);
+        std::vector<std::thread> threads;
+        fakes::world().onCall = [&](const std::string& name) {
+            if (name != call || !threads.empty()) {
+                return;
+            }
+            for (std::size_t i = 0; i < others.size(); ++i) {
+                threads.emplace_back([&, i] { codes[i] = codeOf(others[i]); });
+            }
+            std::this_thread::sleep_for(300ms);
+        };
+        codes.push_back(codeOf(first));
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+        fakes::world().onCall = nullptr;
+        return codes;
+    }
+
+    static int codeOf(const std::function<void()>& call) {
+        try {
+            call();
+            return 0;
+        } catch (const SessionException& exception) {
+            return exception.errCode();
+        }
+    }
+    std::function<void()> asking(const std::string& expected) {
+        return [this, expected] { EXPECT_EQ(expected, token()); };
+    }
+    std::function<void()> renewing(const std::string& refused, const std::string& expected) {
+        return [this, refused, expected] { EXPECT_EQ(expected, renew(refused)); };
+    }
+};
+
+TEST_F(SharedSession, Callers_GetTheResultOfOneRequest) {
+    const auto ask = asking("at-2");
+    EXPECT_EQ(std::vector<int>(4, 0), during("loginIDP", ask, {ask, ask, renewing("x", "at-2")}));
+    EXPECT_EQ(3U, out().requests.size());
+}
+
+TEST_F(SharedSession, Callers_GetTheFailureOfOneRequest) {
+    out().intercept = [](const Request&, Answer& answer) {
+        answer = {503};
+        return true;
+    };
+    const auto ask = [this] { token(); };
+    EXPECT_EQ(std::vector<int>(4, 17),
+              during("curl_multi_perform", ask, {ask, ask, [this] { renew("x"); }}));
+    EXPECT_EQ(1U, out().requests.size());
+}
+
+TEST_F(SharedSession, TokenTooNewToRenew_IsTheFailureOfThoseWhoRenewItOnly) {
+    token();
+    const auto refused = [this] { renew("at-2"); };
+    EXPECT_EQ((std::vector<int>{40, 0, 0, 40}),
+              during("flock", refused, {refused, asking("at-2"), renewing("x", "at-2")}));
+}
+
+TEST_F(SharedSession, RenewedToken_IsTheAnswerForAll) {
+    token();
+    out().advance(10s);
+    const auto renewIt = renewing("at-2", "at-3");
+    EXPECT_EQ(std::vector<int>(3, 0), during("curl_multi_perform", renewIt, {renewIt, renewIt}));
+    EXPECT_EQ(4U, out().requests.size());
+}
+
+TEST_F(SharedSession, SignOut_AndCallsAtTheSameTimeTakeTurns) {
+    token();
+    const auto end = [this] { session().signOut(); };
+    EXPECT_EQ((std::vector<int>{0, 0, 0}), during("unlinkat", end, {asking("at-4"), end}));
+}
+
+TEST_F(SharedSession, Cancel_EndsThoseWhoWait) {
+    EXPECT_EQ((std::vector<int>{35, 35}), during("loginIDP", [this] { token(); }, {[this] {
+                                                     session().cancel();
+                                                     token();
+                                                 }}));
+}
+
+TEST_F(SharedSession, CancelDuringAnEarlyRenewal_IsThrown) {
+    token();
+    out().advance(3530s);
+    out().intercept = [this](const Request&, Answer& answer) {
+        session().cancel();
+        return answer.hangs = true;
+    };
+    EXPECT_EQ(35, codeOf([this] { token(); }));
+}
+
+// The child ends by exit(), so that its lines are counted, too.
+class ForkedSession : public SharedSession {
+  protected:
+    static void inChild(const std::function<bool()>& work) {
+        std::fflush(nullptr);
+        const pid_t child = fork();
+        if (child == 0) {
+            std::exit(work() ? 0 : 1);
+        }
+        int status = -1;
+        waitpid(child, &status, 0);
+        EXPECT_EQ(0, status);
+    }
+};
+
+TEST_F(ForkedSession, Child_IsRefusedAndMakesItsOwn) {
+    token();
+    inChild([this] {
+        const bool refused = codeOf([this] { token(); }) == 34;
+        theSession.reset();
+        return refused && token() == "at-2";
+    });
+}
+
+// A child that is forked during a request does not keep the lock.
+TEST_F(ForkedSession, ChildOfARequest_DoesNotHoldTheLock) {
+    Settings other = settings();
+    other.tokenFile = folder + "/other.json";
+    Session second(other);
+    int depth = 0;
+    out().intercept = [&](const Request& request, Answer& answer) {
+        if (++depth == 1) {  // two sessions hold their locks
+            EXPECT_NE("", second.accessToken().text);
+            inChild([this] { return codeOf([this] { token(); }) == 34; });
+        }
+        answer = out().answer(request);
+        return true;
+    };
+    EXPECT_NE("", token());
+}
+
+}  // namespace
