@@ -155,11 +155,7 @@ SessionException toException(const Failure& failure) {
 }
 
 std::string hostOf(const std::string& url) {
-    const std::string::size_type colon = url.find("://");
-    if (colon == std::string::npos) {
-        return "a server";
-    }
-    const std::string::size_type begin = colon + 3;
+    const std::string::size_type begin = url.find("://") + 3;  // settings and redirects are checked
     std::string host = url.substr(begin, url.find_first_of("/?#", begin) - begin);
     host.erase(0, host.rfind('@') + 1);
     host.erase(std::min(host.find(':', host.rfind(']') + 1), host.size()));

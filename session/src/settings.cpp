@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <new>
 
 #include "failure.h"
 
@@ -30,6 +31,14 @@ Url makeUrl() {
     return url;
 }
 
+// Whether it worked. No setting is to blame when there is no memory.
+bool worked(CURLUcode result) {
+    if (result == CURLUE_OUT_OF_MEMORY) {
+        throw std::bad_alloc();
+    }
+    return result == CURLUE_OK;
+}
+
 [[noreturn]] void refuse(const char* member, const char* reason) {
     fail(kSettingsRefused, std::string("The setting ") + member + " " + reason);
 }
@@ -48,9 +57,9 @@ void checkEndpoint(const char* member, const std::string& text) {
     checkText(member, text);
     const Url url = makeUrl();
     char* scheme = nullptr;
-    if (curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
-            CURLUE_OK ||
-        curl_url_get(url.get(), CURLUPART_SCHEME, &scheme, 0) != CURLUE_OK) {
+    if (!worked(curl_url_set(url.get(), CURLUPART_URL, text.c_str(), CURLU_NON_SUPPORT_SCHEME)) ||
+        text.find("://") == std::string::npos ||
+        !worked(curl_url_get(url.get(), CURLUPART_SCHEME, &scheme, 0))) {
         refuse(member, "is not a URL");
     }
     if (std::string(Text(scheme).get()) != "https") {
@@ -65,10 +74,10 @@ void checkEndpoint(const char* member, const std::string& text) {
 std::string asRedirect(const std::string& redirect, const std::string& base) {
     const Url url = makeUrl();
     char* text = nullptr;
-    if (curl_url_set(url.get(), CURLUPART_URL, base.c_str(), 0) != CURLUE_OK ||
-        curl_url_set(url.get(), CURLUPART_URL, redirect.c_str(), CURLU_NON_SUPPORT_SCHEME) !=
-            CURLUE_OK ||
-        curl_url_get(url.get(), CURLUPART_URL, &text, 0) != CURLUE_OK) {
+    if (!worked(curl_url_set(url.get(), CURLUPART_URL, base.c_str(), 0)) ||
+        !worked(
+            curl_url_set(url.get(), CURLUPART_URL, redirect.c_str(), CURLU_NON_SUPPORT_SCHEME)) ||
+        !worked(curl_url_get(url.get(), CURLUPART_URL, &text, 0))) {
         return redirect;
     }
     return Text(text).get();

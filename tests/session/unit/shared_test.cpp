@@ -35,7 +35,7 @@ class SharedSession : public SessionTest {
             for (std::size_t i = 0; i < others.size(); ++i) {
                 threads.emplace_back([&, i] { codes[i] = codeOf(others[i]); });
             }
-            std::this_thread::sleep_for(300ms);
+            usleep(300'000);  // nanosleep() is a stand-in
         };
         codes.push_back(codeOf(first));
         for (std::thread& thread : threads) {
