@@ -32,15 +32,6 @@ function startNamedServer(t, script, hosts) {
 }
 
 describe('A transfer that fails three times', CONCURRENCY, () => {
-    test('is reported alike by every kind of request', async (t) => {
-        const server = await startServer(t, drop);
-        const device = startDevice(t);
-        assertTransferFailed(await device.get(server.url), server.url, 26, 52);
-        assertTransferFailed(await device.get(server.url, {follow: true}), server.url, 26, 52);
-        assertTransferFailed(await device.post(server.url, 'a=1'), server.url, 26, 52);
-        assert.equal(server.arrivals.length, 9);
-    });
-
     const HEAD = 'HTTP/1.1 200 OK\r\n';
     const faults = [
         ['because the connection is closed without a reply', drop, 52],

@@ -103,15 +103,6 @@ for (const operation of ['exchange', 'refresh']) {
 }
 
 describe('The exchange of a code', CONCURRENCY, () => {
-    test('sends its values as they are', async (t) => {
-        const lab = await start(t, json(TOKENS));
-        succeeded(await lab.exchange({
-            code: 'a&b=c', clientId: '', verifier: '%20 +', redirectUri: 'https://h/p?q=1',
-        }));
-        assert.equal(bodyOf(lab.server.requests[0]), 'grant_type=authorization_code&code=a&b=c' +
-            '&client_id=&redirect_uri=https://h/p?q=1&code_verifier=%20 +');
-    });
-
     for (const [what, tokenFile] of [
         ['in a folder that does not exist', '/tmp/missing/tokens.json'], ['without a name', ''],
         ['that is a folder', '/tmp'], ['on a full disk', '/dev/full'],

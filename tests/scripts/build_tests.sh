@@ -125,13 +125,6 @@ test_Check_SectionFails_IsShownAndTheNextOneRuns() {
     expect_contains "$output" "error: no" "the log of a build that failed"
 }
 
-test_Check_UnknownSection_IsToldBeforeAnythingRuns() {
-    make_tools
-    run scripts/check abi some
-    expect_refusal 1 "no section some; there are: static package abi"
-    expect_equal "$(<"$work/calls")" "setup --check" "calls"
-}
-
 test_Ci_RunsTestsAndChecks_ClosesWithWhatTheTestsEndedWith() {
     local statuses tested=$'\n100% tests passed, of 1\n\nTime'
     for statuses in 0:0:0 8:0:8 0:1:1; do
