@@ -2,6 +2,9 @@
 if(NOT ORBA_PLATFORM STREQUAL "host")
     message(FATAL_ERROR "The packages are those of the host edition: ORBA_PACKAGES needs ORBA_PLATFORM=host")
 endif()
+if(NOT ORBA_BUILD_SESSION)
+    message(FATAL_ERROR "The packages include the session: ORBA_PACKAGES needs ORBA_BUILD_SESSION")
+endif()
 find_program(ORBA_GZIP gzip REQUIRED)
 
 set(orba_debian_files "${CMAKE_CURRENT_LIST_DIR}/debian")

@@ -1,5 +1,5 @@
-// orba-token against the loopback cloud. Runs inside scripts/sandbox, with the program named in
-// ORBA_TOKEN.
+// orba-token and the example fleet-lens against the test cloud. Runs inside scripts/sandbox, with the
+// programs named in ORBA_TOKEN and ORBA_FLEET_LENS.
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
 import {once} from 'node:events';
@@ -27,8 +27,8 @@ function writeSettings(changes = {}) {
     writeFileSync(path('settings.json'), JSON.stringify({...settings, ...changes}));
 }
 
-function start(args, stdout = 'pipe') {
-    const child = spawn(process.env.ORBA_TOKEN, args, {
+function start(args, stdout = 'pipe', program = process.env.ORBA_TOKEN) {
+    const child = spawn(program, args, {
         env: {...process.env, ORBA_HOST_PROFILE: path('device.json')}, stdio: ['pipe', stdout, 'pipe'],
     });
     child.printed = {stdout: '', stderr: ''};
@@ -53,7 +53,7 @@ async function assertFails(call, expectedStatus, expectedText) {
 }
 
 before(async () => {
-    for (const name of ['ORBA_TOKEN', 'ORBA_SANDBOX_KIND']) {
+    for (const name of ['ORBA_TOKEN', 'ORBA_FLEET_LENS', 'ORBA_SANDBOX_KIND']) {
         assert.ok(process.env[name], `${name} is not set: run this through ctest`);
     }
     cloud = await startCloud();
@@ -241,3 +241,25 @@ for (const signal of ['SIGINT', 'SIGTERM']) {
         assert.ok(time < 1000, `it took ${time} ms`);
     });
 }
+
+// --- fleet-lens ---
+
+function fleetLens(input, args = [settings.authorizationEndpoint, settings.tokenEndpoint, settings.tokenFile]) {
+    return finish(start(args, 'pipe', process.env.ORBA_FLEET_LENS), input);
+}
+
+withFolder('fleet-lens: two reports, one sign-in', async () => {
+    const {status, stdout, stderr} = await fleetLens('one\ntwo\n');
+    assert.deepEqual({status, stderr}, {status: 0, stderr: ''});
+    assert.match(stdout, /^sent "one" with a token for another 3[56]\d\d s\nsent "two" .*\n$/);
+    assert.deepEqual(seen(), SIGN_IN);
+});
+
+withFolder('fleet-lens: the exit status says whether to try later', async () => {
+    const later = await fleetLens('one\n', ['https://auth.localhost:1/', 'https://auth.localhost:1/', settings.tokenFile]);
+    assert.equal(later.status, 75);
+    assert.match(later.stderr, /^fleet-lens: [^\n]+\n$/);
+    writeFileSync(path('device.json'), JSON.stringify({...cloud.profile, account: undefined}));
+    assert.equal((await fleetLens('one\n')).status, 1);
+    assert.equal((await fleetLens('', [])).status, 2);
+});
