@@ -221,7 +221,7 @@ Reply Transfer::perform(CURL* easy, const std::string& url, Receiver& receiver, 
         fail(kCurlResponseFailed, "libcurl does not give the reply of " + hostOf(url));
     }
     reply.redirect = redirect == nullptr ? "" : redirect;
-    return std::move(reply);
+    return reply;
 }
 
 // In steps, so that cancelling takes effect soon.
