@@ -4,7 +4,7 @@ import {writeFileSync} from 'node:fs';
 import {createServer} from 'node:net';
 import {describe, test} from 'node:test';
 
-import {Certificates, readPair} from '../../integration/certificates.mjs';
+import {Certificates, GOOD, readPair} from '../../integration/certificates.mjs';
 import {startServer} from '../../integration/lab.mjs';
 import {
     REDIRECT_URI, World, cut, failed, filesWithSecrets, json, redirect, refusal, reply, signedIn,
@@ -187,6 +187,16 @@ describe('The way to the servers:', ALL, () => {
         ['a certificate that has expired', certificate((c) => c.expired()), 33, 'checkDevice'],
         ['a certificate for another name', certificate((c) => c.make({names: 'DNS:other.localhost'})),
             33, 'checkDevice'],
+        ['a server that speaks TLS 1.1 only', async (t) => {
+            const system = `${new Certificates(t).folder}/system.cnf`;
+            writeFileSync(system, ['openssl_conf=init', '[init]', 'ssl_conf=ssl', '[ssl]',
+                'system_default=system', '[system]', 'CipherString=DEFAULT:@SECLEVEL=0',
+                'MinProtocol=TLSv1', ''].join('\n'));
+            const tls = {...GOOD, minVersion: 'TLSv1', maxVersion: 'TLSv1.1',
+                ciphers: 'DEFAULT:@SECLEVEL=0'};
+            const server = await startServer(t, reply(503), {tls});
+            return {env: {OPENSSL_CONF: system}, settings: {authorizationEndpoint: server.url}};
+        }, 26, 'tryLater'],
         ['no server', () => ({settings: {authorizationEndpoint: 'https://127.0.0.1:1/auth'}}), 26,
             'tryLater'],
         ['an unknown name', () => ({settings: {authorizationEndpoint: 'https://unknown.invalid/'}}),

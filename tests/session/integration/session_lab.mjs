@@ -50,6 +50,7 @@ export class Cloud {
     static async start(t, options = {}) {
         const cloud = Object.assign(new Cloud(), options);
         cloud.server = await startServer(t, (connection) => cloud.#serve(connection), {tls: GOOD});
+        t.after(() => cloud.#check());
         cloud.url = cloud.server.url.replace(/\/$/, '');
         [cloud.pkceToken, cloud.authKey].forEach((text) => cloud.secrets.add(text));
         return cloud;
@@ -117,6 +118,13 @@ export class Cloud {
     callback({state, challenge}, more = {}) {
         const query = new URLSearchParams({code: this.code({challenge}), state, ...more});
         return redirect(`${REDIRECT_URI}?${query}`);
+    }
+
+    // Whatever a test is about: no code is sent twice, and each request has a connection of its own.
+    #check() {
+        const codes = this.requests.map(({form}) => form.code).filter(Boolean);
+        assert.equal(new Set(codes).size, codes.length, 'a code was sent twice');
+        assert.ok(this.requests.length <= this.server.arrivals.length, 'a connection was kept');
     }
 
     #endpoints = {
