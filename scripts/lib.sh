@@ -72,5 +72,17 @@ build() {
     quietly env -C "$root" cmake --build --preset "$1" --parallel "$(nproc)" --target "${@:2}" ||
         die "the build failed"
 }
+
+# compilers: Debian's packages of those from g++ 12 and clang 14 on with which everything is built, one a line.
+compilers() (
+    # shellcheck source=/dev/null
+    source /etc/os-release
+    case $ID${VERSION_ID-} in
+        debian12) printf '%s\n' g++-12 clang-14 clang-15 clang-16 clang-19 ;;
+        debian13) printf '%s\n' g++-12 g++-13 g++-14 clang-17 clang-18 clang-19 ;;
+        *) printf '%s\n' g++ clang ;;
+    esac
+)
+
 used=()
 cmake_arguments=()
