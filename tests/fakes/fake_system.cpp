@@ -12,12 +12,10 @@
 
 using fakes::world;
 
-extern "C" {
+namespace {
 
-void syslog(int priority, const char* format, ...) {
+void note(int priority, const char* format, va_list arguments) {
     const fakes::OwnWork own;
-    va_list arguments;
-    va_start(arguments, format);
     va_list again;
     va_copy(again, arguments);
     const std::string source = va_arg(again, const char*);
@@ -25,7 +23,6 @@ void syslog(int priority, const char* format, ...) {
     va_end(again);
     std::string rendered(1 << 16, '\0');
     const int length = vsnprintf(rendered.data(), rendered.size(), format, arguments);
-    va_end(arguments);
     rendered.resize(std::min(static_cast<std::size_t>(length), rendered.size() - 1));
     const std::string site = source + ":" + std::to_string(line) + " ";
     if (rendered.rfind(site, 0) != 0) {
@@ -34,6 +31,25 @@ void syslog(int priority, const char* format, ...) {
     const std::string text = rendered.substr(site.size());
     world().log.push_back({priority, format, source, line, text});
     world().note("syslog", std::to_string(priority) + " " + text);
+}
+
+}  // namespace
+
+extern "C" {
+
+void syslog(int priority, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    note(priority, format, arguments);
+    va_end(arguments);
+}
+
+// syslog as a hardened build calls it.
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    note(priority, format, arguments);
+    va_end(arguments);
 }
 
 int nanosleep(const timespec* request, timespec* remainder) {
