@@ -12,9 +12,9 @@
 
 using fakes::world;
 
-namespace {
+extern "C" {
 
-void note(int priority, const char* format, va_list arguments) {
+void vsyslog(int priority, const char* format, va_list arguments) {
     const fakes::OwnWork own;
     va_list again;
     va_copy(again, arguments);
@@ -31,25 +31,6 @@ void note(int priority, const char* format, va_list arguments) {
     const std::string text = rendered.substr(site.size());
     world().log.push_back({priority, format, source, line, text});
     world().note("syslog", std::to_string(priority) + " " + text);
-}
-
-}  // namespace
-
-extern "C" {
-
-void syslog(int priority, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    note(priority, format, arguments);
-    va_end(arguments);
-}
-
-// syslog as a hardened build calls it.
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
-    va_list arguments;
-    va_start(arguments, format);
-    note(priority, format, arguments);
-    va_end(arguments);
 }
 
 int nanosleep(const timespec* request, timespec* remainder) {

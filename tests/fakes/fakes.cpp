@@ -1,6 +1,9 @@
 #include "fakes.h"
 
+#include <syslog.h>
+
 #include <algorithm>
+#include <cstdarg>
 #include <cstdlib>
 #include <stdexcept>
 
@@ -100,3 +103,22 @@ std::vector<std::string> logLines() {
 }
 
 }  // namespace fakes
+
+extern "C" {
+
+// The stand-in for these two is vsyslog; hardened code calls the second.
+void syslog(int priority, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
+}
+
+void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    vsyslog(priority, format, arguments);
+    va_end(arguments);
+}
+
+}  // extern "C"

@@ -2,7 +2,6 @@
 // can be made to fail, otherwise they do what they always do.
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <iconv.h>
 #include <openssl/evp.h>
 #include <openssl/hmac.h>
 #include <sys/stat.h>
@@ -97,9 +96,6 @@ int fchmod(int file, mode_t mode) noexcept { return unlessItFails(-1, "fchmod", 
 int fsync(int file) { return unlessItFails(-1, "fsync", file); }
 int rename(const char* from, const char* to) noexcept {
     return unlessItFails(-1, "rename", from, to);
-}
-iconv_t iconv_open(const char* to, const char* from) {
-    return unlessItFails(iconv_t(-1), "iconv_open", to, from);
 }
 unsigned char* HMAC(const EVP_MD* md, const void* key, int keySize, const unsigned char* data,
                     size_t size, unsigned char* digest, unsigned int* digestSize) {

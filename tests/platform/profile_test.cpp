@@ -176,6 +176,7 @@ const BrokenProfile kBrokenProfiles[] = {
     {"NulByteInText", ORBA_HOST_PROFILE_MALFORMED, content(std::string("{\"x\": \"\0\"}", 10))},
     {"NestedTooDeeply", ORBA_HOST_PROFILE_MALFORMED, content(nested(64))},
     {"NestedVeryDeeply", ORBA_HOST_PROFILE_MALFORMED, content(nested(400000))},
+    {"Utf8Continuation", ORBA_HOST_PROFILE_MALFORMED, content("{\"x\": \"\x80\"}")},
     {"Utf8LoneByte", ORBA_HOST_PROFILE_MALFORMED, content("{\"x\": \"\xFF\"}")},
     {"Utf8CutOff", ORBA_HOST_PROFILE_MALFORMED, content("{\"x\": \"\xC3\"}")},
     {"Utf8Overlong", ORBA_HOST_PROFILE_MALFORMED, content("{\"x\": \"\xC0\xAF\"}")},
@@ -194,6 +195,31 @@ TEST_P(BrokenProfileTest, Fails) {
 
 std::string brokenName(const ::testing::TestParamInfo<BrokenProfileTest::ParamType>& info) {
     return std::string(std::get<0>(info.param).name) + "_" + std::get<1>(info.param).name;
+}
+
+// Every first byte with the ends of each range: the well-formed sequences of Unicode's table 3-7.
+TEST(Profile, TextIsUtf8_OnlyAsUnicodeHasIt) {
+    const HostProfile profile;
+    const auto inRange = [](unsigned value, unsigned least, unsigned most) {
+        return value >= least && value <= most;
+    };
+    for (unsigned first = 0x80; first <= 0xFF; ++first) {
+        for (const unsigned second : {0x7FU, 0x80U, 0x8FU, 0x90U, 0x9FU, 0xA0U, 0xBFU, 0xC0U}) {
+            const std::size_t size = first < 0xE0 ? 2 : first < 0xF0 ? 3 : 4;
+            const unsigned least = first == 0xE0 ? 0xA0U : first == 0xF0 ? 0x90U : 0x80U;
+            const unsigned most = first == 0xED ? 0x9FU : first == 0xF4 ? 0x8FU : 0xBFU;
+            std::string character = {static_cast<char>(first), static_cast<char>(second)};
+            character.resize(size, '\x80');
+            const OrbaHostError expected =
+                inRange(first, 0xC2, 0xF4) && inRange(second, least, most)
+                    ? ORBA_HOST_OK
+                    : ORBA_HOST_PROFILE_MALFORMED;
+            profile.write("{\"serial_number\": \"" + character + "\"}");
+            EXPECT_EQ(expected, readSerialNumber().error) << first << " " << second;
+            profile.write("{\"serial_number\": \"" + character.substr(0, size - 1) + "\"}");
+            EXPECT_EQ(ORBA_HOST_PROFILE_MALFORMED, readSerialNumber().error) << first;
+        }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Profile, BrokenProfileTest,

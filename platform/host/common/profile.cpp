@@ -1,7 +1,6 @@
 #include "profile.h"
 
 #include <fcntl.h>
-#include <iconv.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -10,7 +9,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <new>
 #include <utility>
 
 #include "file_descriptor.h"
@@ -82,22 +80,29 @@ std::string readProfile(const std::string& path) {
     return readAll(file, path);
 }
 
-bool isUnicode(wchar_t c) { return static_cast<unsigned long>(c) <= 0x10FFFF; }
-
-bool isUtf8(std::string text) {
-    std::wstring wide(text.size(), L'\0');  // a character has one byte at least
-    iconv_t converter = ::iconv_open("WCHAR_T", "UTF-8");
-    if (converter == iconv_t(-1)) {  // NOLINT(performance-no-int-to-ptr): the interface is such
-        throw std::bad_alloc();
+// RFC 3629, 4. Not by iconv, which takes a lock that a child forked meanwhile would wait for.
+bool isUtf8(const std::string& text) {
+    constexpr std::array<char32_t, 4> kLeast = {0, 0x80, 0x800, 0x10000};
+    const auto* byte = reinterpret_cast<const unsigned char*>(text.c_str());
+    const auto* const end = byte + text.size();
+    while (byte != end) {
+        const unsigned char first = *byte++;
+        if ((first >= 0x80 && first < 0xC0) || first >= 0xF8) {
+            return false;
+        }
+        const unsigned rest = first < 0x80 ? 0 : first < 0xE0 ? 1 : first < 0xF0 ? 2 : 3;
+        char32_t code = rest == 0 ? first : first & (0x3FU >> rest);
+        for (unsigned i = 0; i < rest; ++i) {
+            if ((*byte & 0xC0U) != 0x80) {  // the NUL at the end, too
+                return false;
+            }
+            code = (code << 6U) | (*byte++ & 0x3FU);
+        }
+        if (code < kLeast[rest] || code > 0x10FFFF || (code >= 0xD800 && code <= 0xDFFF)) {
+            return false;
+        }
     }
-    char* input = text.data();
-    std::size_t inputLeft = text.size();
-    char* output = reinterpret_cast<char*>(wide.data());
-    std::size_t outputLeft = wide.size() * sizeof(wchar_t);
-    const std::size_t result = ::iconv(converter, &input, &inputLeft, &output, &outputLeft);
-    ::iconv_close(converter);
-    return result != static_cast<std::size_t>(-1) &&
-           std::all_of(wide.begin(), wide.end(), isUnicode);
+    return true;
 }
 
 bool isControl(char c) {

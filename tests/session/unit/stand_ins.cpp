@@ -324,16 +324,13 @@ int ORBATOVRAAccountGet(TovraAccountRecord* account) {
 // ---- The system
 // ----------------------------------------------------------------------------------
 
-void syslog(int priority, const char* format, ...) {
+void vsyslog(int priority, const char* format, va_list arguments) {
     const OwnWork own;
-    va_list arguments;
-    va_start(arguments, format);
     char* text = nullptr;
     if (vasprintf(&text, format, arguments) >= 0) {
         outside::get().log.push_back(std::to_string(priority) + " " + text);
         std::free(text);
     }
-    va_end(arguments);
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
