@@ -81,5 +81,4 @@
 #define login @
 #define post @
 #define query @
-#define scope @
 #define token @
