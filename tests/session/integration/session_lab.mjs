@@ -5,7 +5,7 @@ import {spawn} from 'node:child_process';
 import {createHash, randomBytes} from 'node:crypto';
 import {once} from 'node:events';
 import {
-    existsSync, lstatSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync,
+    existsSync, mkdirSync, mkdtempSync, readFileSync, readdirSync, rmSync, writeFileSync,
 } from 'node:fs';
 import {join} from 'node:path';
 import {createInterface} from 'node:readline';
@@ -35,7 +35,7 @@ export const refusal = (error, status = 400, headers = []) => json({error}, stat
 // Authorization endpoint, account service, token endpoint and revocation on one port. Refresh tokens
 // rotate, codes are good once. `script.NAME` answers in an endpoint's place: bytes, a misbehaviour from
 // below, or a function of the request that gives one of them; undefined: the endpoint's own answer.
-export class Cloud {
+class Cloud {
     requests = []; // {name, path, query, form, headers, time}
     secrets = new Set(); // what must not be found anywhere
     script = {};
@@ -224,7 +224,7 @@ export const endless = (head, piece) => ({misbehave: ({socket}) => {
 
 // A process with sessions. An operation's answer has its result's members, or `code`, `remedy`,
 // `retryAfter`, `serverError` and `what` of the exception; and `seconds`.
-export class Service {
+class Service {
     #waiting = new Map();
     #count = 0;
 
@@ -373,14 +373,6 @@ export function secretsIn(text, secrets) {
 export function filesWithSecrets(folder, secrets, except = []) {
     return filesBelow(folder).filter((path) => !except.includes(path) &&
         secretsIn(readFileSync(path, 'latin1'), secrets).length > 0);
-}
-
-// What is wrong with the token file, which must be one of `contents` or there must be none of it.
-export function faultOfTokenFile(path, contents) {
-    if (!existsSync(path)) return contents.includes(undefined) ? '' : 'missing';
-    const status = lstatSync(path);
-    if ((status.mode & 0o7777) !== 0o600) return `mode ${status.mode.toString(8)}`;
-    return contents.includes(readFileSync(path, 'utf8')) ? '' : 'cut';
 }
 
 export const sleep = (ms) => new Promise((resolve) => setTimeout(resolve, ms));
