@@ -47,12 +47,13 @@ TEST(SerialNumberLayout, HasOneByteMoreForItsEnd) {
     EXPECT_EQ(kSerialNumberSize + 1, sizeof(SerialNumber::text));
 }
 
-// The Itanium C++ ABI: a pointer to a virtual member is its offset in the table, plus 1.
+// A pointer to a virtual member begins with its offset in the table. The Itanium C++ ABI adds 1 as a
+// mark; on ARM, where code may have odd addresses, the mark is in the second word.
 template <class Member>
 std::size_t slotOf(Member member) {
-    std::size_t offsetPlusOne = 0;
-    std::memcpy(&offsetPlusOne, &member, sizeof offsetPlusOne);
-    return (offsetPlusOne - 1) / sizeof(void*);
+    std::size_t offset = 0;
+    std::memcpy(&offset, &member, sizeof offset);
+    return offset / sizeof(void*);
 }
 
 TEST(ExceptionTable, VirtualOperationsStandInThisOrder) {
