@@ -8,6 +8,7 @@
 #include <sys/types.h>
 
 #include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
@@ -130,9 +131,11 @@ struct World {
     std::map<const void*, Held> held;  // handles, lists, texts, tables that are not released
     std::set<void*> buffers;           // blocks of realloc() that are not freed
 
-    // Whether stat() gives every file to the next user and group, and fchown() only notes theirs.
-    bool otherOwner = false;
+    // What stat() adds to the owner of every file; fchown() then only notes the new owner.
+    std::pair<uid_t, gid_t> otherOwner = {};
     std::pair<uid_t, gid_t> chowned = {};
+    int interrupted = 0;               // so many calls of read() and write() are, by a signal
+    std::size_t mostBytes = SIZE_MAX;  // that one read() or write() takes
 
     std::map<std::string, int> counts;
     std::set<std::string> fallible;  // the names among them that can be made to fail

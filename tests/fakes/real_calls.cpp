@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -46,6 +47,19 @@ Result unlessItFails(Result failure, const char* name, Arguments... arguments) {
     return fails(name) ? failure : real<Result>(name, arguments...);
 }
 
+bool isInterrupted() {
+    if (!fakes::isUnderTest() || world().interrupted == 0) {
+        return false;
+    }
+    --world().interrupted;
+    errno = EINTR;
+    return true;
+}
+
+std::size_t most(std::size_t size) {
+    return fakes::isUnderTest() ? std::min(size, world().mostBytes) : size;
+}
+
 const char* cloexecIn(int flags) { return (flags & O_CLOEXEC) == 0 ? "" : "cloexec"; }
 
 }  // namespace
@@ -62,15 +76,15 @@ int open(const char* path, int flags, ...) {
 
 int stat(const char* path, struct stat* status) noexcept {
     const int result = unlessItFails(-1, "stat", path, status);
-    if (result == 0 && fakes::isUnderTest() && world().otherOwner) {
-        ++status->st_uid;
-        ++status->st_gid;
+    if (result == 0 && fakes::isUnderTest()) {
+        status->st_uid += world().otherOwner.first;
+        status->st_gid += world().otherOwner.second;
     }
     return result;
 }
 
 int fchown(int file, uid_t user, gid_t group) noexcept {
-    if (!fakes::isUnderTest() || !world().otherOwner) {
+    if (!fakes::isUnderTest() || world().otherOwner == std::make_pair(0U, 0U)) {
         return unlessItFails(-1, "fchown", file, user, group);
     }
     world().chowned = {user, group};
@@ -81,10 +95,10 @@ int fstat(int file, struct stat* status) noexcept {
     return unlessItFails(-1, "fstat", file, status);
 }
 ssize_t read(int file, void* data, size_t size) {
-    return unlessItFails<ssize_t>(-1, "read", file, data, size);
+    return isInterrupted() ? -1 : unlessItFails<ssize_t>(-1, "read", file, data, most(size));
 }
 ssize_t write(int file, const void* data, size_t size) {
-    return unlessItFails<ssize_t>(-1, "write", file, data, size);
+    return isInterrupted() ? -1 : unlessItFails<ssize_t>(-1, "write", file, data, most(size));
 }
 char* realpath(const char* path, char* resolved) noexcept {
     return unlessItFails<char*>(nullptr, "realpath", path, resolved);

@@ -155,6 +155,18 @@ TEST_F(HostFaults, FailedRead_WritesNothing) {
     }
 }
 
+TEST_F(HostFaults, FailedRead_SaysWhy) {
+    world().failAt["read"] = 1;
+    const fakes::UnderTest atWork;
+    try {
+        orbatovra::AccountPkceService().GetAccessToken();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const orbatovra::TovraException& exception) {
+        EXPECT_EQ("no PKCE access token: device profile " + profile.path() + ": Input/output error",
+                  exception.what());
+    }
+}
+
 // --- tables and pseudonyms ---
 
 TEST_F(HostFaults, Table) {
@@ -238,17 +250,35 @@ TEST_F(RemoveFaults, NeedsTheseCalls) {
 }
 
 TEST_F(RemoveFaults, ProfileOfAnotherUser_StaysTheirs) {
-    world().otherOwner = true;
+    for (const auto& [user, group] : {std::pair(1U, 1U), std::pair(1U, 0U), std::pair(0U, 1U)}) {
+        profile.write(sampleProfile());
+        world().otherOwner = {user, group};
+        {
+            const fakes::UnderTest atWork;
+            EXPECT_EQ(0, remove());
+        }
+        EXPECT_EQ(std::make_pair(::geteuid() + user, ::getegid() + group), world().chowned);
+        afterFault(ORBA_HOST_OK);
+    }
+}
+
+TEST_F(RemoveFaults, InterruptedAndShortReadsAndWrites_AreContinued) {
+    world().interrupted = 2;
+    world().mostBytes = 1;
+    world().onCall = [](const std::string& name) {
+        world().interrupted = name == "fchmod" ? 1 : world().interrupted;  // the first write()
+    };
     {
         const fakes::UnderTest atWork;
         EXPECT_EQ(0, remove());
+        world().interrupted = 1;
+        EXPECT_EQ(0, serial());
     }
-    EXPECT_EQ(std::make_pair(::geteuid() + 1, ::getegid() + 1), world().chowned);
     afterFault(ORBA_HOST_OK);
 }
 
 TEST_F(RemoveFaults, ProfileThatCannotStayTheirs_StaysAsItIs) {
-    world().otherOwner = true;
+    world().otherOwner = {1, 1};
     world().failAt["fchown"] = 1;
     {
         const fakes::UnderTest atWork;

@@ -324,6 +324,15 @@ TEST_F(ProfilePathTest, ProfileNamedButMissing_IsNotSoughtElsewhere) {
 TEST_F(ProfilePathTest, NothingSet_IsMissing) {
     EXPECT_EQ(readUserAgent().error, ORBA_HOST_PROFILE_MISSING);
     EXPECT_EQ(readSerialNumber().error, ORBA_HOST_PROFILE_MISSING);
+    try {
+        orbatovra::AccountPkceService().GetAccessToken();
+        ADD_FAILURE() << "nothing was thrown";
+    } catch (const orbatovra::TovraException& exception) {
+        EXPECT_STREQ(
+            "no PKCE access token: no device profile: ORBA_HOST_PROFILE, XDG_CONFIG_HOME and HOME "
+            "are not set",
+            exception.what());
+    }
 }
 
 }  // namespace
