@@ -1,6 +1,7 @@
 // The device profile, through every operation that reads it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <malloc.h>
 #include <orba_host_errors.h>
 #include <sys/stat.h>
 
@@ -249,8 +250,18 @@ TEST(Profile, ByteOrderMark_IsPassedOver) {
 
 TEST(Profile, HighestCharacter_IsRead) {
     const HostProfile profile;
-    profile.writeWith("user_agent", "\xF4\x8F\xBF\xBF");
+    profile.write(std::string("{\"user_agent\": \"\xF4\x8F\xBF\xBF\"}"));
     EXPECT_EQ(readUserAgent().text, "\xF4\x8F\xBF\xBF");
+}
+
+TEST(Profile, Reading_LeavesNothingAllocated) {
+    const HostProfile profile;
+    readUserAgent();
+    const auto before = ::mallinfo2().uordblks;
+    for (int n = 0; n < 1000; ++n) {
+        readUserAgent();
+    }
+    EXPECT_LT(::mallinfo2().uordblks, before + 50000);
 }
 
 TEST(Profile, DeepestNesting_IsRead) {
