@@ -44,7 +44,7 @@ bool worked(CURLUcode result) {
 }
 
 void checkText(const char* member, const std::string& text) {
-    const auto isControl = [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; };
+    const auto isControl = [](unsigned char c) { return c < ' ' || c == 0x7f; };
     if (text.empty()) {
         refuse(member, "is missing");
     }
