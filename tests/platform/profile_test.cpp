@@ -248,10 +248,28 @@ TEST(Profile, ByteOrderMark_IsPassedOver) {
     EXPECT_EQ(readUserAgent().error, ORBA_HOST_OK);
 }
 
-TEST(Profile, HighestCharacter_IsRead) {
+TEST(Profile, FirstAndLastCharacterOfEachLength_AreRead) {
     const HostProfile profile;
-    profile.write(std::string("{\"user_agent\": \"\xF4\x8F\xBF\xBF\"}"));
-    EXPECT_EQ(readUserAgent().text, "\xF4\x8F\xBF\xBF");
+    for (const std::string text :
+         {"\xC2\x80", "\xDF\xBF", "\xE0\xA0\x80", "\xED\x9F\xBF", "\xEE\x80\x80", "\xEF\xBF\xBF",
+          "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
+        profile.write("{\"user_agent\": \"" + text + "\"}");
+        EXPECT_EQ(readUserAgent().text, text);
+    }
+}
+
+TEST(Profile, WhatIsNoUtf8_IsMalformed) {
+    const HostProfile profile;
+    for (const std::string text :
+         {"\x80", "\xBF", "\xC1\xBF", "\xC2", "\xC2x", "\xC2\xC0", "\xE0\x9F\xBF", "\xE1\x80x",
+          "\xED\xA0\x80", "\xED\xBF\xBF", "\xF0\x8F\xBF\xBF", "\xF0\x90\x80x", "\xF4\x90\x80\x80",
+          "\xF7\xBF\xBF\xBF", "\xF8\x88\x80\x80\x80", "\xFF"}) {
+        profile.write("{\"user_agent\": \"" + text + "\"}");
+        EXPECT_EQ(readUserAgent().error, ORBA_HOST_PROFILE_MALFORMED)
+            << ::testing::PrintToString(text);
+        profile.write(text);
+        EXPECT_EQ(readUserAgent().error, ORBA_HOST_PROFILE_MALFORMED);
+    }
 }
 
 TEST(Profile, Reading_LeavesNothingAllocated) {
