@@ -1022,6 +1022,7 @@ TEST_F(SessionTest, RedirectUriThatIsNoUrl_StaysAsItIs) {
 
 TEST_F(SessionTest, SettingsWithoutMemory_AreNotBlamed) {
     const Settings given = settings();
+    { const Session first(given); }  // allocates what stays until the process ends
     fakes::world().counts.clear();
     {
         const fakes::UnderTest underTest;
