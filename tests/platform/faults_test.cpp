@@ -142,8 +142,7 @@ TEST_F(HostFaults, Readers) {
 TEST_F(HostFaults, ReadingTheProfile_NeedsTheseCalls) {
     const fakes::UnderTest atWork;
     EXPECT_EQ(0, serial());
-    EXPECT_THAT(world().calls,
-                ElementsAre("open(cloexec)", "fstat()", "read()", "read()"));
+    EXPECT_THAT(world().calls, ElementsAre("open(cloexec)", "fstat()", "read()", "read()"));
 }
 
 TEST_F(HostFaults, FailedRead_WritesNothing) {

@@ -47,8 +47,8 @@ TEST(SerialNumberLayout, HasOneByteMoreForItsEnd) {
     EXPECT_EQ(kSerialNumberSize + 1, sizeof(SerialNumber::text));
 }
 
-// A pointer to a virtual member begins with its offset in the table. The Itanium C++ ABI adds 1 as a
-// mark; on ARM, where code may have odd addresses, the mark is in the second word.
+// A pointer to a virtual member begins with its offset in the table. The Itanium C++ ABI adds 1 as
+// a mark; on ARM, where code may have odd addresses, the mark is in the second word.
 template <class Member>
 std::size_t slotOf(Member member) {
     std::size_t offset = 0;
