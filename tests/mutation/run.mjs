@@ -21,8 +21,8 @@ const build = path.join(root, "build/mutation");
 const folder = path.join(build, "mutants");
 const scratch = path.join(build, "scratch");
 const launcher = [path.join(here, "launcher"), root, folder];
-const FOLDERS = ["src", "platform/host"];
-const PROGRAMS = ["tests/unit/unit_tests", "tests/platform/platform_test", "tests/platform/platform_faults_test"];
+const FOLDERS = ["src"];
+const PROGRAMS = ["tests/unit/unit_tests"];
 const QUICK_SECONDS = 0.1;
 // What ends a mutant that loops. A test may start processes, which inherit the limits.
 const LIMITS = ["--cpu=10", `--as=${1 << 30}`];
