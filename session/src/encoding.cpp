@@ -3,6 +3,7 @@
 #include <json/reader.h>
 #include <json/writer.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <memory>
@@ -19,8 +20,7 @@ bool isUnreserved(char c) {
 }
 
 bool isEscape(const std::string& text, std::size_t at) {
-    return text[at] == '%' && at + 2 < text.size() &&
-           std::isxdigit(static_cast<unsigned char>(text[at + 1])) != 0 &&
+    return text[at] == '%' && std::isxdigit(static_cast<unsigned char>(text[at + 1])) != 0 &&
            std::isxdigit(static_cast<unsigned char>(text[at + 2])) != 0;
 }
 
@@ -68,9 +68,9 @@ std::optional<std::string> queryParameter(const std::string& url, const std::str
         ++begin;
         const std::size_t end = part.find('&', begin);
         const std::string pair = part.substr(begin, end - begin);
-        const std::size_t equals = pair.find('=');
+        const std::size_t equals = std::min(pair.find('='), pair.size());
         if (decode(pair.substr(0, equals)) == name) {
-            return equals == std::string::npos ? "" : decode(pair.substr(equals + 1));
+            return decode(pair.substr(std::min(equals + 1, pair.size())));
         }
         begin = end;
     }
@@ -96,7 +96,10 @@ std::optional<Json::Value> parseObject(const std::string& text) {
 
 std::string textMember(const Json::Value& object, const char* name) {
     const Json::Value& value = object[name];
-    return value.isString() ? value.asString() : "";
+    if (value.isString()) {
+        return value.asString();
+    }
+    return "";
 }
 
 std::string toLine(const Json::Value& object) {

@@ -33,8 +33,6 @@ class RetryGate {
     void refusedAtAge(milliseconds age);
     void renewedAfterRefusal() { ++renewals; }
 
-    bool operator==(const RetryGate& other) const { return text() == other.text(); }
-
   private:
     std::string digest;
     std::string bootId;

@@ -4,6 +4,7 @@
 #include <openssl/evp.h>
 #include <openssl/rand.h>
 
+#include <algorithm>
 #include <array>
 #include <cmath>
 #include <cstddef>
@@ -15,19 +16,15 @@ namespace ORBA::OAuth2Session {
 namespace {
 
 constexpr std::size_t kBytes = 32;
+constexpr std::size_t kCharacters = 43;  // without padding
 using Bytes = std::array<unsigned char, kBytes>;
 
 std::string base64url(const Bytes& bytes) {
-    std::array<unsigned char, 4 * ((kBytes + 2) / 3) + 1> text{};
+    std::array<unsigned char, kCharacters + 2> text{};
     EVP_EncodeBlock(text.data(), bytes.data(), static_cast<int>(bytes.size()));
-    std::string result;
-    for (const unsigned char c : text) {
-        if (c == '=' || c == '\0') {
-            break;
-        }
-        result += c == '+' ? '-' : c == '/' ? '_' : static_cast<char>(c);
-    }
-    return result;
+    std::replace(text.begin(), text.end(), '+', '-');
+    std::replace(text.begin(), text.end(), '/', '_');
+    return {text.begin(), text.begin() + kCharacters};
 }
 
 std::string sha256(const std::string& text) {

@@ -77,7 +77,6 @@ AccessToken Session::Impl::obtain(const std::optional<std::string>& refused) {
     Call call{bootTime() + settings.timeout, cancelled};
     std::unique_lock lock(mutex);
     while (true) {
-        call.check();
         const std::optional<TokenKeeper::Good> good = refused ? std::nullopt : keeper.good();
         if (good && (current || good->resting)) {
             return good->token;

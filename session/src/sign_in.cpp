@@ -98,7 +98,6 @@ void logUselessGrant(const Failure& failure) {
 std::optional<std::string> codeByGrant(const Settings& settings, Call& call,
                                        const std::string& state) {
     std::optional<std::string> grant = askForGrant(authorizationUrl(settings, state, ""), call);
-    call.check();
     if (!grant || grant->empty() || !startsWith(*grant, settings.redirectUri)) {
         return grant;
     }
@@ -141,10 +140,9 @@ std::optional<TokenReply> signInByGrant(const Settings& settings, Call& call,
 }
 
 // Has the account service log the device in; gives the URL at which the web login continues.
-std::string logIn(const std::string& challenge, Call& call) {
+std::string logIn(const std::string& challenge, const Call& call) {
     Json::Value reply(Json::objectValue);
     call.check();
-    call.asked = true;
     try {
         OAuth2Client::OAuth2("", "").loginIDP(reply, challenge);
     } catch (const OAuth2Client::OAuth2ClientException& exception) {
@@ -154,12 +152,11 @@ std::string logIn(const std::string& challenge, Call& call) {
         fail(code, "The account service did not log the device in: code " +
                        std::to_string(exception.errCode()));
     }
-    call.check();
-    const Json::Value& target = reply["redirect_to"];
-    if (!target.isString() || target.asString().empty()) {
+    std::string target = textMember(reply, "redirect_to");
+    if (target.empty()) {
         fail(kSenselessReply, "The account service named no URL to continue the login at");
     }
-    return target.asString();
+    return target;
 }
 
 class WebLogin {

@@ -22,14 +22,13 @@ std::optional<double> decimal(const std::string& text) {
     double number = 0;
     const char* const begin = text.data();
     const char* const end = begin + text.size();
-    const bool startsWithDigit = !text.empty() && text.find_first_of("0123456789") <= 1 &&
-                                 (text[0] == '-' || text.find_first_of("0123456789") == 0);
+    const bool startsWithDigit = text.find_first_of("0123456789") == (text[0] == '-' ? 1 : 0);
     const auto [stop, error] = std::from_chars(begin, end, number, std::chars_format::fixed);
     if (!startsWithDigit || stop != end) {
         return std::nullopt;
     }
     // Out of range is either far too long or next to nothing.
-    return error == std::errc() ? number : (text[0] >= '1' && text[0] <= '9' ? kTenYears : 0);
+    return error == std::errc() ? number : text[0] >= '1' ? kTenYears : 0;
 }
 
 std::optional<milliseconds> readLifetime(const Json::Value& value) {
@@ -60,14 +59,20 @@ std::string errorOf(const Reply& reply, const std::vector<std::string>& sent) {
     return countsInStatus(error, reply.status) && isServerError(error, sent) ? error : "";
 }
 
+Failure failureOf(const Reply& reply, const std::string& url, const std::string& error,
+                  bool freshCode) {
+    Failure failure = error.empty() ? failureOfStatus(reply.status, url)
+                                    : failureOfServerError(error, url, freshCode);
+    failure.retryAfter = reply.retryAfter;
+    return failure;
+}
+
 // A reply that is no 200.
 TokenReply judgeRefusal(const Reply& reply, const std::string& url,
                         const std::vector<std::string>& sent, bool isRefresh) {
     TokenReply result;
     const std::string error = errorOf(reply, sent);
-    result.failure = error.empty() ? failureOfStatus(reply.status, url)
-                                   : failureOfServerError(error, url, !isRefresh);
-    result.failure->retryAfter = reply.retryAfter;
+    result.failure = failureOf(reply, url, error, !isRefresh);
     result.refused = isRefresh && error != "invalid_client" &&
                      (reply.status == 400 || reply.status == 401 || error == "invalid_grant");
     return result;
@@ -91,14 +96,9 @@ Tokens readTokens(const Json::Value& object) {
 }
 
 void checkStatus(const Reply& reply, const std::string& url, const std::vector<std::string>& sent) {
-    const std::string error = errorOf(reply, sent);
-    if (error.empty() && (reply.status / 100 == 2 || reply.status / 100 == 3)) {
-        return;
+    if (reply.status / 100 != 2 && reply.status / 100 != 3) {
+        throw failureOf(reply, url, errorOf(reply, sent), false);
     }
-    Failure failure = error.empty() ? failureOfStatus(reply.status, url)
-                                    : failureOfServerError(error, url, false);
-    failure.retryAfter = reply.retryAfter;
-    throw std::move(failure);
 }
 
 TokenReply TokenEndpoint::exchange(const std::string& code, const std::string& verifier,

@@ -11,6 +11,9 @@
 #include <cerrno>
 #include <ctime>
 #include <mutex>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 
 namespace ORBA::OAuth2Session {
 
@@ -81,7 +84,7 @@ void writeAt(int file, const std::string& content, const std::string& what) {
                           static_cast<off_t>(written));
         });
         if (count <= 0) {
-            failOnFile("Cannot write " + what, count < 0 ? errno : ENOSPC);
+            failOnFile("Cannot write " + what, errno);
         }
         written += static_cast<std::size_t>(count);
     }
@@ -117,6 +120,13 @@ void allocate(int file, off_t size, const std::string& what) {
     }
 }
 
+// Whether the name still leads to the file: somebody may have removed or replaced it.
+bool isAt(int folder, const char* name, const struct stat& file) {
+    struct stat present {};
+    return fstatat(folder, name, &present, AT_SYMLINK_NOFOLLOW) == 0 &&
+           std::tie(present.st_dev, present.st_ino) == std::tie(file.st_dev, file.st_ino);
+}
+
 std::size_t lengthWithoutNuls(const std::string& content) {
     return content.find_last_not_of('\0') + 1;
 }
@@ -127,11 +137,7 @@ std::size_t lengthWithoutNuls(const std::string& content) {
 struct HeldLocks {
     std::mutex mutex;
     FileLock* first = nullptr;
-
-    static HeldLocks& get() {
-        static HeldLocks& locks = *new HeldLocks;  // outlives every thread
-        return locks;
-    }
+    bool watchesForks = false;
 
     void add(FileLock* lock) {
         lock->next = first;
@@ -156,14 +162,17 @@ struct HeldLocks {
 
 namespace {
 
-void beforeFork() { HeldLocks::get().mutex.lock(); }
+HeldLocks heldLocks;
+static_assert(std::is_trivially_destructible_v<HeldLocks>, "it outlives every thread");
 
-void afterForkInParent() { HeldLocks::get().mutex.unlock(); }
+void beforeFork() { heldLocks.mutex.lock(); }
+
+void afterForkInParent() { heldLocks.mutex.unlock(); }
 
 void afterForkInChild() {
     forks.fetch_add(1, std::memory_order_relaxed);
-    HeldLocks::get().closeAll();
-    HeldLocks::get().mutex.unlock();
+    heldLocks.closeAll();
+    heldLocks.mutex.unlock();
 }
 
 }  // namespace
@@ -171,18 +180,16 @@ void afterForkInChild() {
 unsigned forkCount() noexcept { return forks.load(std::memory_order_relaxed); }
 
 void watchForks() {
-    static const int result =
-        (HeldLocks::get(), pthread_atfork(beforeFork, afterForkInParent, afterForkInChild));
-    if (result != 0) {
+    const std::lock_guard guard(heldLocks.mutex);
+    if (!heldLocks.watchesForks &&
+        pthread_atfork(beforeFork, afterForkInParent, afterForkInChild) != 0) {
         throw std::bad_alloc();
     }
+    heldLocks.watchesForks = true;
 }
 
 Descriptor& Descriptor::operator=(Descriptor&& other) noexcept {
-    if (this != &other) {
-        reset();
-        fd = other.release();
-    }
+    std::swap(fd, other.fd);
     return *this;
 }
 
@@ -199,11 +206,9 @@ void Descriptor::reset() {
 }
 
 bool FileLock::tryIn(int folder, const char* name) {
-    HeldLocks& locks = HeldLocks::get();
-    const std::lock_guard guard(locks.mutex);  // no fork between opening and adding
+    const std::lock_guard guard(heldLocks.mutex);  // no fork between opening and adding
     Descriptor file(openAt(folder, name, O_RDWR | O_CREAT, kFileMode));
     struct stat opened {};
-    struct stat present {};
     if (!file.isOpen() || fstat(file.get(), &opened) != 0) {
         failOnFile("Cannot open the lock file", errno);
     }
@@ -216,27 +221,21 @@ bool FileLock::tryIn(int folder, const char* name) {
         }
         failOnFile("Cannot lock the lock file", errno);
     }
-    fd = file.release();
-    locks.add(this);
-    // Somebody may have removed or replaced it meanwhile.
-    if (fstatat(folder, name, &present, AT_SYMLINK_NOFOLLOW) == 0 &&
-        present.st_dev == opened.st_dev && present.st_ino == opened.st_ino) {
-        return true;
+    if (!isAt(folder, name, opened)) {
+        flock(file.get(), LOCK_UN);
+        return false;
     }
-    locks.remove(this);
-    flock(fd, LOCK_UN);
-    close(fd);
-    fd = -1;
-    return false;
+    fd = file.release();
+    heldLocks.add(this);
+    return true;
 }
 
 void FileLock::release() {
     if (fd < 0) {
         return;
     }
-    HeldLocks& locks = HeldLocks::get();
-    const std::lock_guard guard(locks.mutex);
-    locks.remove(this);
+    const std::lock_guard guard(heldLocks.mutex);
+    heldLocks.remove(this);
     flock(fd, LOCK_UN);  // a child may hold the descriptor for a moment longer
     close(fd);
     fd = -1;
@@ -244,7 +243,7 @@ void FileLock::release() {
 
 TokenStore::TokenStore(const std::string& tokenFile) : path(tokenFile) {
     const std::string::size_type slash = path.rfind('/');
-    const std::string above = slash == 0 ? "/" : path.substr(0, slash);
+    const std::string above = path.substr(0, slash + 1);
     name = path.substr(slash + 1);
     workName = name + ".work";
     folder =
@@ -309,17 +308,15 @@ bool TokenStore::openWorkFolder(bool create) {
 bool TokenStore::hasWorkFolder() { return openWorkFolder(false); }
 
 bool TokenStore::tryLock() {
-    if (!openWorkFolder(true) || !held.tryIn(work.get(), kLock)) {
+    openWorkFolder(true);
+    if (!held.tryIn(work.get(), kLock)) {
         return false;
     }
-    struct stat present {};
-    const struct stat opened = statusOf(work.get(), workName);
-    if (fstatat(folder.get(), workName.c_str(), &present, AT_SYMLINK_NOFOLLOW) == 0 &&
-        present.st_dev == opened.st_dev && present.st_ino == opened.st_ino) {
-        return true;
+    if (!isAt(folder.get(), workName.c_str(), statusOf(work.get(), workName))) {
+        held.release();
+        return false;
     }
-    held.release();
-    return false;
+    return true;
 }
 
 void TokenStore::lock(const Call& call) {
@@ -402,10 +399,13 @@ void TokenStore::dropReserve() noexcept {
 std::string TokenStore::readGate() {
     try {
         const Descriptor file = openInWorkFolder(kGate, O_RDONLY);
-        return file.isOpen() ? readAll(file.get(), kGate) : "";
+        if (file.isOpen()) {
+            return readAll(file.get(), kGate);
+        }
     } catch (const Failure&) {
-        return "";
+        return "";  // what cannot be read is open
     }
+    return "";
 }
 
 void TokenStore::allocateGate() {

@@ -19,7 +19,8 @@ void watchForks();
 
 class Descriptor {
   public:
-    explicit Descriptor(int number = -1) : fd(number) {}
+    Descriptor() = default;
+    explicit Descriptor(int number) : fd(number) {}
     Descriptor(Descriptor&& other) noexcept : fd(other.release()) {}
     Descriptor& operator=(Descriptor&& other) noexcept;
     ~Descriptor() { reset(); }
@@ -30,7 +31,7 @@ class Descriptor {
     void reset();
 
   private:
-    int fd;
+    int fd = -1;
 };
 
 // The lock file, held. A child that is forked meanwhile closes it at once.

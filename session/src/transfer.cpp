@@ -83,9 +83,9 @@ struct Transfer::Receiver {
     void header(std::string_view line) {
         if (line.substr(0, 5) == "HTTP/") {  // an interim reply may have come before
             headersEnded = false;
-        } else if (line == "\r\n" || line == "\n") {
+        } else if (line.find_first_not_of("\r\n") == std::string_view::npos) {
             headersEnded = true;
-        } else if (!headersEnded) {
+        } else if (!headersEnded) {  // no trailers
             take(line, "Retry-After:", retryAfter);
             take(line, "Date:", date);
         }

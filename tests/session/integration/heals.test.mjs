@@ -1,5 +1,5 @@
 import assert from 'node:assert/strict';
-import {mkdirSync, readFileSync, writeFileSync} from 'node:fs';
+import {readFileSync, writeFileSync} from 'node:fs';
 import {join} from 'node:path';
 import {describe, test} from 'node:test';
 
@@ -11,7 +11,7 @@ const WEB = ['auth', 'login', 'resume', 'token'];
 const ALL = {concurrency: 4};
 
 describe('From a token file that', ALL, () => {
-    for (const [what, damage, requests] of [
+    const rows = [
         ['is empty', () => '', WEB],
         ['is cut', (text) => text.slice(0, -20), WEB],
         ['is cut to a byte', (text) => text.slice(0, 1), WEB],
@@ -39,19 +39,22 @@ describe('From a token file that', ALL, () => {
             ['token', ...WEB]],
         ['has another digest', change({session: 'x'}), WEB],
         ['has a digest of null', change({session: null}), WEB],
-    ]) {
-        test(`${what}, the next call leads to good tokens`, async (t) => {
-            const world = await signedIn(t);
-            const damaged = damage(JSON.stringify(world.stored()));
-            world.store(typeof damaged === 'string' ? damaged : JSON.stringify(damaged));
-            const session = await world.open();
-            const {text} = succeeded(await session.token());
-            assert.deepEqual(world.cloud.take(), requests);
-            assert.equal(world.stored().access_token, text);
-            succeeded(await session.token());
-            assert.deepEqual(world.cloud.take(), []);
-        });
-    }
+    ];
+    test('is damaged, the next call leads to good tokens', async (t) => {
+        const world = await signedIn(t);
+        for (const [what, damage, requests] of rows) {
+            await t.test(what, async () => {
+                const damaged = damage(JSON.stringify(world.stored()));
+                world.store(typeof damaged === 'string' ? damaged : JSON.stringify(damaged));
+                const session = await world.open();
+                const {text} = succeeded(await session.token());
+                assert.deepEqual(world.cloud.take(), requests);
+                assert.equal(world.stored().access_token, text);
+                succeeded(await session.token());
+                assert.deepEqual(world.cloud.take(), []);
+            });
+        }
+    });
 
     // The file with other members; undefined: without them.
     function change(members) {
@@ -147,9 +150,8 @@ describe('A token file of the first library', ALL, () => {
 
 describe('From a work folder with', ALL, () => {
     const text = (world) => readFileSync(world.tokenFile, 'utf8');
-    const newer = (world) => JSON.stringify({...world.stored(), access_token: 'newer',
-        expires_at: Math.round(Date.now()) / 1000 + 3500});
-    for (const [what, name, content, expected] of [
+    const newer = (world) => JSON.stringify({...world.stored(), access_token: 'newer'});
+    const rows = [
         ['a whole reserve', 'reserve', newer, 'newer'],
         ['a whole reserve with NUL bytes behind it', 'reserve',
             (world) => newer(world).padEnd(131_072, '\0'), 'newer'],
@@ -167,25 +169,27 @@ describe('From a work folder with', ALL, () => {
         ['a gate of JSON', 'gate', () => '{"deadline":1e300,"length":"x","count":-1}', 'old'],
         ['a gate of NUL bytes', 'gate', () => '\0'.repeat(4096), 'old'],
         ['another text in the lock', 'lock', () => 'x', 'old'],
-    ]) {
-        test(`${what}, the next call leads to good tokens`, async (t) => {
-            const world = await signedIn(t);
-            const before = text(world);
-            const bytes = content(world);
-            mkdirSync(world.work, {recursive: true, mode: 0o700});
-            writeFileSync(join(world.work, name), bytes, {mode: 0o600});
-            const session = await world.open();
-            const token = succeeded(await session.token());
-            assert.equal(token.text === 'newer' ? 'newer' : 'old', expected);
-            if (expected === 'old') assert.equal(text(world), before);
-            assert.deepEqual(filesWithSecrets(world.folder, [...world.cloud.secrets, 'newer'],
-                [world.tokenFile]), []);
-            assert.deepEqual(world.cloud.take(), []);
-            await world.main.clock(3541);
-            succeeded(await session.token());
-            assert.deepEqual(world.cloud.take(), ['token']);
-        });
-    }
+    ];
+    test('what a killed process left, the next call leads to good tokens', async (t) => {
+        const world = await signedIn(t);
+        for (const [n, [what, name, content, expected]] of rows.entries()) {
+            await t.test(what, async () => {
+                const before = text(world);
+                const bytes = content(world);
+                writeFileSync(join(world.work, name), bytes, {mode: 0o600});
+                const session = await world.open();
+                const token = succeeded(await session.token());
+                assert.equal(token.text === 'newer' ? 'newer' : 'old', expected);
+                if (expected === 'old') assert.equal(text(world), before);
+                assert.deepEqual(filesWithSecrets(world.folder, [...world.cloud.secrets, 'newer'],
+                    [world.tokenFile]), []);
+                assert.deepEqual(world.cloud.take(), []);
+                await world.main.clock(3541 * (n + 1));
+                succeeded(await session.token());
+                assert.deepEqual(world.cloud.take(), ['token']);
+            });
+        }
+    });
 });
 
 describe('Grants that the server has forgotten', ALL, () => {

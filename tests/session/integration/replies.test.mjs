@@ -1,16 +1,17 @@
 // Replies of the servers that are cut, slow, too long or of wrong types: the outcome is always right,
 // and no code or refresh token is sent twice by one call. With --every-byte, replies are cut at each
-// byte, else at some.
+// byte and members have each wrong value, else some.
 import assert from 'node:assert/strict';
 import {after, describe, test} from 'node:test';
 import {parseArgs} from 'node:util';
 
 import {
-    REDIRECT_URI, World, cut, dribble, endless, failed, hang, json, reply, signedIn, succeeded,
+    REDIRECT_URI, World, cut, dribble, endless, failed, hang, json, loggedIn, reply, signedIn, succeeded,
 } from './session_lab.mjs';
 
 const {values} = parseArgs({options: {'every-byte': {type: 'boolean', default: false}}});
-const STRIDE = values['every-byte'] ? 1 : 41; // prime, so that it meets no pattern
+const STRIDE = values['every-byte'] ? 1 : 97; // prime, so that it meets no pattern
+const some = (list) => list.filter((_, n) => values['every-byte'] || n % 4 === 0);
 const ALL = {concurrency: 4};
 let outcomes = 0;
 let twice = 0;
@@ -41,8 +42,7 @@ class Bench {
         const tokenFile = `${world.folder}/${this.#count}.json`;
         world.cloud.script = {[name]: answer};
         if (name === 'token') {
-            world.cloud.script.auth = ({query: {state, code_challenge: challenge}}) =>
-                world.cloud.callback({state, challenge});
+            world.cloud.script.auth = loggedIn(world.cloud);
         }
         const from = world.cloud.requests.length;
         const session = await world.open({tokenFile});
@@ -130,7 +130,7 @@ describe('Of a token reply', ALL, () => {
             const bench = await Bench.create(t);
             const more = member === 'token_type' ? ['mac', 'bearer ', 'Bearerx']
                 : ['a b', 'a\nb', 'ä', '\u0000', 'a\u007f', '\ud83d\ude00'];
-            for (const value of [...WRONG, ...more]) {
+            for (const value of some([...WRONG, ...more])) {
                 const answer = json(bench.world.cloud.tokens({[member]: value}));
                 await bench.signIn('token', answer,
                     (outcome) => failed(outcome, {code: 36, remedy: 'tryLater'}));
@@ -149,10 +149,10 @@ describe('Of a token reply', ALL, () => {
         }
     });
 
-    for (const member of ['refresh_token', 'scope', 'id_token', 'expires_in', 'other']) {
-        test(`a wrong ${member} costs nothing else`, async (t) => {
-            const bench = await Bench.create(t);
-            for (const value of WRONG) {
+    test('another wrong member costs nothing else', async (t) => {
+        const bench = await Bench.create(t);
+        for (const member of ['refresh_token', 'scope', 'id_token', 'expires_in', 'other']) {
+            for (const value of some(WRONG)) {
                 const tokens = bench.world.cloud.tokens({[member]: value});
                 await bench.signIn('token', json(tokens), (outcome, session, file) => {
                     succeeded(outcome);
@@ -165,8 +165,8 @@ describe('Of a token reply', ALL, () => {
                     }
                 });
             }
-        });
-    }
+        }
+    });
 
     test('a new refresh token is stored whatever else is wrong', async (t) => {
         const world = await signedIn(t);

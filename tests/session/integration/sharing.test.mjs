@@ -6,7 +6,7 @@ import {parseArgs} from 'node:util';
 
 import {World, failed, hang, reply, signedIn, sleep, succeeded} from './session_lab.mjs';
 
-const {values} = parseArgs({options: {seconds: {type: 'string', default: '4'}}});
+const {values} = parseArgs({options: {seconds: {type: 'string', default: '3'}}});
 const SECONDS = Number(values.seconds);
 const WEB = ['auth', 'login', 'resume', 'token'];
 
@@ -67,7 +67,7 @@ describe('8 threads in each of 8 processes', () => {
                 textsOf(all).forEach((text) => used.add(text));
                 all.forEach(({expires}) => assert.ok(expires > Date.now() / 1000 - 1));
                 calls += all.length;
-                await sleep(5);
+                await sleep(25);
             }
         }));
         assert.deepEqual([...used].sort(), [...issued].sort());

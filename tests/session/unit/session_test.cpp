@@ -4,10 +4,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <stdexcept>
 
 #include "orbaoauth2client/errors.h"
+#include "secrets.h"
 #include "stand_ins.h"
 
 namespace {
@@ -63,6 +65,8 @@ TEST_F(SessionTest, Requests_CarryTheParametersAndLimits) {
                                      "code_verifier="));
     EXPECT_EQ(43U, outside::parameterOf(exchange.form, "code_verifier").size());
     EXPECT_EQ(43U, outside::parameterOf(authorization.url, "state").size());
+    EXPECT_EQ(challengeOf(outside::parameterOf(exchange.form, "code_verifier")),
+              outside::parameterOf(authorization.url, "code_challenge"));
     EXPECT_THAT(exchange.headers, ElementsAre("Accept: application/json"));
     std::map<CURLoption, std::string> expected = {
         {CURLOPT_PROTOCOLS_STR, "https"},
@@ -83,6 +87,32 @@ TEST_F(SessionTest, Requests_CarryTheParametersAndLimits) {
     }
 }
 
+TEST_F(SessionTest, Values_ArePercentEncoded) {
+    use([](Settings& given) {
+        given.clientId = " !\"#$%&'()*+,-./09:;<=>?@AZ[\\]^_`az{|}~\xc3\xa4";
+    });
+    token();
+    EXPECT_THAT(
+        out().requests[0].url,
+        HasSubstr("&client_id=%20%21%22%23%24%25%26%27%28%29%2A%2B%2C-.%2F09%3A%3B%3C%3D%3E%3F"
+                  "%40AZ%5B%5C%5D%5E_%60az%7B%7C%7D~%C3%A4&"));
+}
+
+TEST_F(SessionTest, AuthorizationEndpoint_KeepsItsQuery) {
+    for (const char* const query : {"", "?", "?a=b", "?a=b&c"}) {
+        use([&](Settings& given) {
+            given.authorizationEndpoint = "https://auth.test/auth" + std::string(query);
+        });
+        token();
+        EXPECT_THAT(out().requests[0].url,
+                    ::testing::EndsWith("&code_challenge_method=S256" +
+                                        std::string(query[0] != 0 && query[1] != 0 ? "&" : "") +
+                                        (query[0] == 0 ? "" : query + 1)));
+        session().signOut();
+        out().requests.clear();
+    }
+}
+
 TEST_F(SessionTest, Grant_IsExchangedWithoutVerifier) {
     for (const bool isCallback : {false, true}) {
         out().codes = {"granted"};
@@ -93,6 +123,7 @@ TEST_F(SessionTest, Grant_IsExchangedWithoutVerifier) {
         token();
         EXPECT_THAT(urls(), ElementsAre("/token"));
         EXPECT_THAT(out().requests[0].form, Not(HasSubstr("code_verifier")));
+        EXPECT_THAT(fakes::world().calls, Not(::testing::Contains(HasSubstr("code_challenge"))));
         session().signOut();
         out().requests.clear();
     }
@@ -102,6 +133,7 @@ TEST_F(SessionTest, GrantOfNoUse_LeadsToTheWebLoginInTheSameCall) {
     const std::vector<std::function<std::string()>> grants = {
         [] { return std::string("unknown code"); },
         [] { return std::string(); },
+        [] { return std::string("https://app.test/cbx"); },
         [] { return std::string("https://app.test/cb?code=c&state=other"); },
         [] { return "https://app.test/cb?error=access_denied&state=" + out().state; },
         []() -> std::string { throw std::runtime_error("the account service is away"); },
@@ -113,10 +145,60 @@ TEST_F(SessionTest, GrantOfNoUse_LeadsToTheWebLoginInTheSameCall) {
         EXPECT_EQ("/token", urls().back());
         session().signOut();
     }
+    const std::string prefix = "4 orbaoauth2session: The account service's grant is of no use. ";
+    EXPECT_THAT(out().log, ::testing::Contains(
+                               prefix + "The callback of https://auth.test has another state."));
+    EXPECT_THAT(out().log, ::testing::Contains(
+                               prefix + "https://auth.test replied with the error invalid_grant."));
+}
+
+TEST_F(SessionTest, ExchangeOfAGrantThatFails_IsFinalIfItPasses) {
     out().grant = [] { return std::string("code"); };
-    answerTokens({503});
-    expectFailure(17, Remedy::tryLater);
-    EXPECT_EQ("/token", urls().back());
+    for (const Answer& answer : {Answer{503}, Answer{0, "", "", {}, CURLE_OPERATION_TIMEDOUT}}) {
+        out().advance(2h);
+        out().requests.clear();
+        answerTokens(answer);
+        EXPECT_EQ(Remedy::tryLater, failure().remedy());
+        EXPECT_THAT(urls(), ElementsAre("/token"));
+    }
+    for (const Answer& answer :
+         {Answer{404}, Answer{0, "", "", {}, CURLE_PEER_FAILED_VERIFICATION}}) {
+        out().advance(2h);
+        out().requests.clear();
+        answerTokens(answer);
+        EXPECT_NE(Remedy::tryLater, failure().remedy());
+        EXPECT_THAT(urls(), ElementsAre("/token", "/auth", "/continue", "/token"));
+    }
+    EXPECT_THAT(out().log, ::testing::Contains(
+                               "4 orbaoauth2session: The account service's grant is of no use. "
+                               "The request to https://auth.test failed: SSL peer certificate "
+                               "or SSH remote key was not OK."));
+}
+
+// Whether the account service was asked decides whether the next call must wait.
+TEST_F(SessionTest, AskingForAGrant_IsARequest) {
+    const std::vector<std::pair<std::function<std::string()>, bool>> grants = {
+        {[] { return std::string(); }, true},
+        {[]() -> std::string { throw std::runtime_error("away"); }, true},
+        {[]() -> std::string { throw ORBA::OAuth2Client::HttpClientException(26, "x"); }, true},
+        {[]() -> std::string { throw ORBA::OAuth2Client::HttpClientException(12, "x"); }, false}};
+    for (const auto& [grant, asked] : grants) {
+        out().advance(2h);
+        out().grant = grant;
+        fakes::world().failAt["curl_easy_init"] = fakes::world().counts["curl_easy_init"] + 1;
+        const auto exception = failure();
+        EXPECT_EQ(23, exception.errCode());
+        EXPECT_EQ(asked, exception.retryAfter() > 0s);
+    }
+}
+
+TEST_F(SessionTest, CancelBeforeTheLogin_AsksTheAccountServiceNothing) {
+    out().intercept = [this](const Request&, Answer&) {
+        session().cancel();
+        return false;
+    };
+    expectFailure(35, Remedy::cancelled);
+    EXPECT_EQ(0, fakes::world().counts["loginIDP"]);
 }
 
 TEST_F(SessionTest, GrantWithoutMemory_Passes) {
@@ -173,12 +255,31 @@ TEST_F(SessionTest, EarlyRenewal_RefusedRefreshTokenEndsItForThisToken) {
 TEST_F(SessionTest, EarlyRenewal_WhileAnotherProcessHoldsTheLock_IsLeftToIt) {
     token();
     out().advance(3530s);
+    out().error = EWOULDBLOCK;
     fakes::world().failAt["flock"] = fakes::world().counts["flock"] + 1;
     EXPECT_EQ("at-2", token());
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(3U, out().requests.size());
+    out().advance(100ms);
+    EXPECT_EQ("at-3", token());
+}
+
+// Another process was told that the refresh token is no longer good.
+TEST_F(SessionTest, EarlyRenewal_EndsWithTheRefreshToken) {
+    token();
+    Session other(settings());
+    EXPECT_EQ("at-2", other.accessToken().text);
+    out().advance(3530s);
+    out().refreshTokens.clear();
+    EXPECT_EQ("at-2", other.accessToken().text);
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(4U, out().requests.size());
 }
 
 TEST_F(SessionTest, RefusedRefreshToken_LeadsToOneSignIn) {
     for (const Answer& answer : {Answer{400, R"({"error":"invalid_grant"})"}, Answer{401, ""},
+                                 Answer{403, R"({"error":"invalid_grant"})"},
                                  Answer{400, R"({"error":"invalid_request"})"}}) {
         out().requests.clear();
         token();
@@ -227,6 +328,47 @@ TEST_F(SessionTest, RefusedRefreshToken_TokensOfAnotherAreTaken) {
     }
 }
 
+// What another process left meanwhile: no file, or one whose refresh token is refused, too.
+TEST_F(SessionTest, RefusedRefreshToken_FileOfNoUse_LeadsToASignIn) {
+    for (const char* const refreshToken : {"", "rt-unknown"}) {
+        token();
+        out().advance(2h);
+        Json::Value other = stored();
+        other["refresh_token"] = refreshToken;
+        out().intercept = [&](const Request& request, Answer& answer) {
+            answer = {400, ""};
+            const bool refresh = !outside::parameterOf(request.form, "refresh_token").empty();
+            if (refresh) {
+                writeFile(tokenFile(), *refreshToken == 0 ? "" : other.toStyledString());
+            }
+            return refresh;
+        };
+        token();
+        EXPECT_EQ("/token", urls().back());
+        out().intercept = nullptr;
+    }
+}
+
+// Neither their access token, which is the refused one, nor our refresh token is good.
+TEST_F(SessionTest, RefusedRefreshToken_RefreshTokenOfAnotherIsUsed) {
+    token();
+    out().advance(2h);
+    out().intercept = [&](const Request& request, Answer& answer) {
+        Json::Value other = stored();
+        other["access_token"] = "refused";
+        other["refresh_token"] = "rt-other";
+        other["expires_at"] = 1'800'009'000;
+        answer = {400, ""};
+        const bool ours = outside::parameterOf(request.form, "refresh_token") == "rt-2";
+        if (ours) {
+            writeFile(tokenFile(), other.toStyledString());
+        }
+        return ours;
+    };
+    out().refreshTokens = {"rt-other"};
+    EXPECT_EQ("at-3", renew("refused"));
+}
+
 TEST_F(SessionTest, ReplyWithoutRefreshTokenOrScope_KeepsTheOldOnes) {
     token();
     out().advance(2h);
@@ -238,6 +380,8 @@ TEST_F(SessionTest, ReplyWithoutRefreshTokenOrScope_KeepsTheOldOnes) {
         EXPECT_EQ("id", stored()["id_token"].asString());
         out().advance(2h);
     }
+    answerTokens({200, R"({"access_token":"new","token_type":"Bearer","scope":"less"})"});
+    EXPECT_EQ("less", session().accessToken().scope);
 }
 
 struct BadReply {
@@ -271,19 +415,32 @@ TEST_F(SessionTest, SenselessReplies_CloseTheGateAndKeepTheFile) {
         {{425}, 14},
         {{429}, 14},
         {{404}, 14, Remedy::fixSettings},
+        {{499}, 14, Remedy::fixSettings},
+        {{499, R"({"error":"x"})"}, 37, Remedy::fixSettings},
+        {{399}, 16},
+        {{599}, 15},
+        {{599, R"({"error":"login_required"})"}, 37, Remedy::linkAccount},
+        {{499, R"({"error":"server_error"})"}, 37},
         {{503}, 17},
         {{500}, 15},
         {{600}, 16},
         {{500, R"({"error":"access_denied"})"}, 37, Remedy::linkAccount},
+        {{503, R"({"error":"temporarily_unavailable"})"}, 37},
         {{500, R"({"error":"invalid_scope"})"}, 15},
         {{403, R"({"error":"slow_down"})"}, 37},
         {{403, R"({"error":"consent_required"})"}, 37, Remedy::linkAccount},
         {{403, R"({"error":"invalid_scope"})"}, 37, Remedy::fixSettings},
         {{403, R"({"error":"a\"b"})"}, 14, Remedy::fixSettings},
+        {{403, R"({"error":"a\\b"})"}, 14, Remedy::fixSettings},
+        {{403, R"({"error":"a\u001fb"})"}, 14, Remedy::fixSettings},
+        {{403, R"({"error":"a\u007fb"})"}, 14, Remedy::fixSettings},
+        {{403, R"({"error":" a~"})"}, 37, Remedy::fixSettings},
+        {{403, R"({"error":")" + std::string(100, 'e') + R"("})"}, 37, Remedy::fixSettings},
         {{403, R"({"error":"has rt-2 inside"})"}, 14, Remedy::fixSettings},
         {{403, R"({"error":")" + std::string(101, 'e') + R"("})"}, 14, Remedy::fixSettings},
         {{200, "{", "", {}, CURLE_PARTIAL_FILE}, 26},
-        {{200, "{}", "", {}, CURLE_OK, true}, 26},
+        {{200, "{}", "", {}, CURLE_OK, ""}, 26},
+        {{200, "{}", "", {}, CURLE_OK, "\n"}, 36},
         {{0, "", "", {}, CURLE_OPERATION_TIMEDOUT}, 32},
         {{0, "", "", {}, CURLE_COULDNT_RESOLVE_HOST}, 31},
         {{0, "", "", {}, CURLE_COULDNT_RESOLVE_PROXY}, 31},
@@ -313,10 +470,21 @@ TEST_F(SessionTest, SenselessReplies_CloseTheGateAndKeepTheFile) {
     EXPECT_EQ("/token refresh", urls().back());
 }
 
+TEST_F(SessionTest, ErrorWithAnEncodedSecret_CountsAsNone) {
+    writeFile(tokenFile(), R"({"refresh_token":"r/0"})");
+    answerTokens({403, R"({"error":"has r%2F0 inside"})"});
+    expectFailure(14, Remedy::fixSettings);
+}
+
 TEST_F(SessionTest, LargestReply_IsRead) {
     std::string body = R"({"access_token":"big","token_type":"Bearer"})";
     answerTokens({200, body + std::string(65536 - body.size(), ' ')});
     EXPECT_EQ("big", token());
+}
+
+TEST_F(SessionTest, MemberNamedTwice_IsTheLast) {
+    answerTokens({200, R"({"access_token":"a","access_token":"b","token_type":"Bearer"})"});
+    EXPECT_EQ("b", token());
 }
 
 // A new refresh token must not be lost, because the old one is spent.
@@ -331,6 +499,12 @@ TEST_F(SessionTest, NewRefreshTokenInASenselessReply_IsStored) {
     out().intercept = nullptr;
     token();
     EXPECT_EQ("/token refresh", urls().back());
+}
+
+TEST_F(SessionTest, RefreshTokenInASenselessReplyToACode_IsStored) {
+    answerTokens({200, R"({"refresh_token":"rt-new"})"});
+    expectFailure(36, Remedy::tryLater);
+    EXPECT_EQ("rt-new", stored()["refresh_token"].asString());
 }
 
 struct Lifetime {
@@ -361,10 +535,15 @@ TEST_F(SessionTest, Lifetimes_AreReadAsNumbersAndTexts) {
         {"{}", -1},
         {"[]", -1},
         {"\"1" + std::string(400, '0') + "\"", tenYears},
+        {"\"-1" + std::string(400, '0') + "\"", 0},
+        {"\"0." + std::string(400, '0') + "1\"", 0},
+        {"\"-\"", -1},
+        {"\"--1\"", -1},
+        {"\"-inf\"", -1},
+        {"\".5\"", -1},
     };
     for (const Lifetime& lifetime : lifetimes) {
         SCOPED_TRACE(lifetime.json);
-        out().advance(11 * 366 * 24h);
         session().signOut();
         answerTokens({200, R"({"access_token":"a","token_type":"Bearer","expires_in":)" +
                                lifetime.json + "}"});
@@ -372,7 +551,7 @@ TEST_F(SessionTest, Lifetimes_AreReadAsNumbersAndTexts) {
         if (lifetime.seconds < 0) {
             EXPECT_EQ(std::chrono::system_clock::time_point::max(), given.expires);
             EXPECT_FALSE(stored().isMember("expires_at"));
-            out().advance(9 * 366 * 24h);
+            out().advance(5 * 366 * 24h);
             const auto requests = out().requests.size();
             token();
             EXPECT_EQ(requests, out().requests.size());
@@ -421,6 +600,8 @@ TEST_F(SessionTest, RetryAfter_Values) {
         {{"Retry-After: -3"}, {1, 2}},
         {{"Retry-After: soon", date}, {1, 2}},
         {{"Retry-After:"}, {1, 2}},
+        {{"X: y"}, {1, 2}},
+        {{"", "Retry-After: 60"}, {1, 2}},  // a trailer
     };
     for (const auto& [headers, range] : values) {
         SCOPED_TRACE(headers[0]);
@@ -485,6 +666,13 @@ TEST_F(SessionTest, Renew_WaitsUntilTheTokenIsOldEnough) {
     const std::string fourth = session().renew(third).text;  // calm again
     out().advance(10s);
     EXPECT_EQ(10s, failure([&] { renew(fourth); }).retryAfter());
+}
+
+TEST_F(SessionTest, Renew_OfAnUnknownToken) {
+    EXPECT_EQ("at-2", renew("x"));  // none at hand
+    EXPECT_EQ("at-2", renew("x"));
+    out().advance(2h);
+    EXPECT_EQ("at-3", renew("x"));  // one at its end
 }
 
 TEST_F(SessionTest, Renew_TokenWithoutLifetime) {
@@ -565,6 +753,26 @@ TEST_F(SessionTest, Reserve_WholeOneBecomesTheTokenFile_AnotherIsCleared) {
     }
 }
 
+TEST_F(SessionTest, TokenFile_IsALineOfJson) {
+    answerTokens(
+        {200,
+         R"({"access_token":"a","token_type":"Bearer","refresh_token":"r","scope":"l\u00e4s","id_token":"i","expires_in":90.001})"});
+    token();
+    const std::string session = stored()["session"].asString();
+    EXPECT_EQ(43U, session.size());
+    EXPECT_EQ(
+        R"({"access_token":"a","expires_at":1800000090.001,"expires_in":90.001,"id_token":"i",)"
+        "\"refresh_token\":\"r\",\"scope\":\"l\xc3\xa4s\",\"session\":\"" +
+            session + R"(","token_type":"Bearer"})" + "\n",
+        readFile(tokenFile()));
+}
+
+TEST_F(SessionTest, FailureBeforeARequest_ClosesNoGate) {
+    fakes::world().failAt["ORBATOVRAUserAgentNameGet"] = 1;
+    EXPECT_EQ(0s, failure().retryAfter());
+    EXPECT_EQ("at-2", token());
+}
+
 TEST_F(SessionTest, TokensThatCannotBeStored_AreGivenAndStoredLater) {
     token();
     const std::string before = readFile(tokenFile());
@@ -614,24 +822,27 @@ TEST_F(SessionTest, FilesOfOthers_AreCheckDevice) {
 }
 
 TEST_F(SessionTest, ForeignOwners_AreCheckDevice) {
-    if (geteuid() != 0) {
-        GTEST_SKIP() << "only root can give files away";
-    }
-    const auto expectUnusable = [&](const std::string& path) {
+    token();
+    const auto belongsTo = [](const std::string& path, uid_t user) {
+        struct stat status = {};
+        ASSERT_EQ(0, stat(path.c_str(), &status));
+        out().owners = {{status.st_ino, user}};
+    };
+    const std::string work = tokenFile() + ".work";
+    for (const std::string& path : {folder, tokenFile(), work, work + "/lock", work + "/gate"}) {
         restart();
-        ASSERT_EQ(0, chown(path.c_str(), 65534, 65534));
+        belongsTo(path, 65534);
         expectFailure(38, Remedy::checkDevice, [&] {
             token();
             out().advance(2h);  // a good token needs no work folder
             token();
         });
-        ASSERT_EQ(0, chown(path.c_str(), 0, 0));
-    };
-    token();
-    const std::string work = tokenFile() + ".work";
-    for (const std::string& path : {folder, tokenFile(), work, work + "/lock", work + "/gate"}) {
-        expectUnusable(path);
     }
+    belongsTo(folder, 0);
+    EXPECT_EQ("at-3", token());
+    restart();
+    belongsTo(tokenFile(), 0);
+    expectFailure(38, Remedy::checkDevice);
 }
 
 TEST_F(SessionTest, ModesThatKeepTheOwnerOut_AreRepaired) {
@@ -643,6 +854,19 @@ TEST_F(SessionTest, ModesThatKeepTheOwnerOut_AreRepaired) {
     fakes::world().failAt["openat"] = fakes::world().counts["openat"] + 3;
     out().advance(2h);
     EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, ModesThatCannotBeRepaired_AreCheckDevice) {
+    token();
+    out().advance(2h);
+    std::filesystem::permissions(tokenFile() + ".work", std::filesystem::perms(0500));
+    fakes::world().failAt["fchmod"] = fakes::world().counts["fchmod"] + 1;
+    expectFailure(38, Remedy::checkDevice);
+    out().error = EACCES;
+    fakes::world().failAt = {{"openat", fakes::world().counts["openat"] + 3},
+                             {"fchmodat", fakes::world().counts["fchmodat"] + 1}};
+    expectFailure(38, Remedy::checkDevice);
+    EXPECT_EQ(3U, out().requests.size());
 }
 
 TEST_F(SessionTest, InterruptedCalls_AreRepeated) {
@@ -682,6 +906,64 @@ TEST_F(SessionTest, WorkFolderRemovedDuringAnErrand_IsMadeAgain) {
         }
     };
     EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, WorkFolderMadeByAnotherMeanwhile_IsUsed) {
+    fakes::world().onCall = [this](const std::string& name) {
+        if (name == "mkdirat") {
+            std::filesystem::create_directory(tokenFile() + ".work");
+        }
+    };
+    EXPECT_EQ("at-2", token());
+}
+
+// Whoever has locked a file that is gone has locked nothing.
+TEST_F(SessionTest, LockReplacedMeanwhile_IsTakenAgain) {
+    token();
+    out().advance(2h);
+    const std::string work = tokenFile() + ".work";
+    int locks = 0;
+    fakes::world().onCall = [&](const std::string& name) {
+        if (name != "flock") {
+            return;
+        }
+        if (++locks == 1) {
+            std::filesystem::rename(work + "/lock", work + "/former");
+        } else if (locks == 3) {  // behind the unlocking
+            std::filesystem::rename(work + "/lock", work + "/older");
+            writeFile(work + "/lock", "");
+        } else if (locks == 5) {
+            std::filesystem::rename(work, work + ".former");
+        }
+    };
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ(8, locks);
+}
+
+TEST_F(SessionTest, TokenThatCameDuringTheWaitForTheLock_IsTheAnswer) {
+    token();
+    out().advance(2h);
+    fakes::world().onCall = [this](const std::string& name) {
+        if (name == "flock") {
+            Json::Value other = stored();
+            other["access_token"] = "at-other";
+            other["expires_at"] = 1'800'009'000;
+            writeFile(tokenFile(), other.toStyledString());
+        }
+    };
+    EXPECT_EQ("at-other", token());
+    EXPECT_EQ(3U, out().requests.size());
+}
+
+TEST_F(SessionTest, UnstoredTokensOfAFormerAccount_AreDropped) {
+    token();
+    out().advance(2h);
+    fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
+    EXPECT_EQ("at-3", token());
+    out().account = "account-2";
+    out().advance(2h);
+    EXPECT_EQ("at-5", token());
+    EXPECT_EQ("/token", urls().back());
 }
 
 TEST_F(SessionTest, UnstoredTokens_StillUnstoredLater) {
@@ -727,6 +1009,16 @@ TEST_F(SessionTest, CancelDuringTheGrant_IsThrown) {
         return std::string("code");
     };
     expectFailure(35, Remedy::cancelled);
+}
+
+TEST_F(SessionTest, CancelDuringTheExchangeOfAGrant_IsThrown) {
+    out().grant = [] { return std::string("code"); };
+    out().intercept = [this](const Request&, Answer& answer) {
+        session().cancel();
+        return answer.hangs = true;
+    };
+    expectFailure(35, Remedy::cancelled);
+    EXPECT_THAT(urls(), ElementsAre("/token"));
 }
 
 TEST_F(SessionTest, ReplyWithoutMemory_IsAFailedTransfer) {
@@ -777,11 +1069,17 @@ TEST_F(SessionTest, WebLogin_Failures) {
         {"/auth?", {302}, 4, Remedy::fixSettings},
         {"/auth?", {302, "", "https://auth.test/login"}, 4, Remedy::fixSettings},
         {"/auth?", {400}, 14, Remedy::fixSettings},
+        {"/auth?", {400, R"({"error":"access_denied"})"}, 37, Remedy::linkAccount},
+        {"/auth?", {100}, 16, Remedy::tryLater},
+        {"/token", {401}, 14, Remedy::fixSettings},
+        {"/token", {400, R"({"error":"invalid_client"})"}, 37, Remedy::fixSettings},
+        {"/token", {400, R"({"error":"invalid_grant"})"}, 37, Remedy::tryLater},
         {"/auth?", callback("code=c&state=other"), 8, Remedy::tryLater},
         {"/continue", {200}, 5, Remedy::fixSettings},
         {"/continue", {302, "", "http://app.test/other"}, 5, Remedy::fixSettings},
         {"/continue", {302, "", "https://auth.test/continue"}, 5, Remedy::fixSettings},
         {"/continue", callback("code=c&state=other"), 8, Remedy::tryLater},
+        {"/continue", callback("code=c&state=" + std::string(43, 'x')), 8, Remedy::tryLater},
         {"/continue", {502}, 15, Remedy::tryLater},
     };
     for (const Case& one : cases) {
@@ -799,6 +1097,7 @@ TEST_F(SessionTest, WebLogin_Failures) {
         {"error=%22", 36, Remedy::tryLater},
         {"code=", 36, Remedy::tryLater},
         {"xcode=c", 36, Remedy::tryLater},
+        {"code", 36, Remedy::tryLater},
         {"", 36, Remedy::tryLater},
     };
     for (const auto& [query, code, remedy] : callbacks) {
@@ -809,6 +1108,36 @@ TEST_F(SessionTest, WebLogin_Failures) {
             return request.url == "https://auth.test/continue";
         };
         expectFailure(code, remedy);
+    }
+}
+
+// Names and values are decoded; what is no escape stays.
+TEST_F(SessionTest, Callback_IsDecoded) {
+    out().intercept = [](const Request& request, Answer& answer) {
+        answer = {302, "",
+                  "https://app.test/cb?x&=y&c%6fde=a+%2B%4%4g%g4%&code=b&state=" + out().state +
+                      "#code=c"};
+        return request.url == "https://auth.test/continue";
+    };
+    failure();
+    EXPECT_THAT(out().requests.back().form, HasSubstr("&code=a%20%2B%254%254g%25g4%25&"));
+}
+
+TEST_F(SessionTest, Texts_NameSchemeAndHostOnly) {
+    const std::vector<std::pair<std::string, std::string>> hosts = {
+        {"https://u:p@h\xc3\xa4\x7f x:8080/p?q#f", "https://h????x"},
+        {"https://[::1]:443", "https://[::1]"},
+        {"https://h!~x#f", "https://h!~x"},
+        {"https://" + std::string(300, 'h') + "?q", "https://" + std::string(255, 'h')},
+    };
+    for (const auto& [url, host] : hosts) {
+        out().intercept = [url = url](const Request& request, Answer& answer) {
+            answer =
+                request.url == "https://auth.test/continue" ? Answer{302, "", url} : Answer{500};
+            return request.url.find("https://auth.test/auth?") != 0;
+        };
+        EXPECT_EQ(host + " replied with HTTP status 500.", failure().what());
+        out().advance(2h);
     }
 }
 
@@ -862,9 +1191,7 @@ TEST_F(SessionTest, AccountServiceFailures) {
 // --------------------------------------------------------------------------------------
 
 TEST_F(SessionTest, SignOut_RevokesAndRemoves) {
-    Settings given = settings();
-    given.revocationEndpoint = "https://auth.test/revoke";
-    theSession = std::make_unique<Session>(given);
+    use([](Settings& given) { given.revocationEndpoint = "https://auth.test/revoke"; });
     EXPECT_TRUE(session().signOut());  // nothing to revoke
     EXPECT_THAT(out().requests, IsEmpty());
     token();
@@ -876,8 +1203,8 @@ TEST_F(SessionTest, SignOut_RevokesAndRemoves) {
     EXPECT_EQ("at-4", token());
     for (const Answer& answer : {Answer{500}, Answer{302, "", "https://auth.test/x"}}) {
         token();
-        out().intercept = [answer](const Request& request, Answer& given2) {
-            given2 = answer;
+        out().intercept = [answer](const Request& request, Answer& given) {
+            given = answer;
             return request.url == "https://auth.test/revoke";
         };
         EXPECT_FALSE(session().signOut());
@@ -896,9 +1223,7 @@ TEST_F(SessionTest, SignOut_RevokesAndRemoves) {
 }
 
 TEST_F(SessionTest, SignOut_WhileTheGateIsClosed_AsksNothing) {
-    Settings given = settings();
-    given.revocationEndpoint = "https://auth.test/revoke";
-    theSession = std::make_unique<Session>(given);
+    use([](Settings& given) { given.revocationEndpoint = "https://auth.test/revoke"; });
     token();
     out().advance(2h);
     answerTokens({503});
@@ -936,12 +1261,13 @@ TEST_F(SessionTest, ServerThatHangs_EndsAt30sOrTheTimeout) {
     expectFailure(32, Remedy::tryLater);
     EXPECT_NEAR(30, std::chrono::duration<double>(out().boot - begin).count(), 0.2);
     out().advance(10min);
-    Settings given = settings();
-    given.timeout = 5s;
-    theSession = std::make_unique<Session>(given);
+    use([](Settings& given) { given.timeout = 5s; });
     begin = out().boot;
     failure();
     EXPECT_NEAR(5, std::chrono::duration<double>(out().boot - begin).count(), 0.2);
+    out().advance(10min);
+    fakes::world().failAt["curl_multi_poll"] = fakes::world().counts["curl_multi_poll"] + 1;
+    expectFailure(26, Remedy::tryLater);
 }
 
 TEST_F(SessionTest, LockOfAnotherProcess_IsWaitedForUntilTheTimeout) {
@@ -951,7 +1277,7 @@ TEST_F(SessionTest, LockOfAnotherProcess_IsWaitedForUntilTheTimeout) {
     ASSERT_EQ(0, flock(locked, LOCK_EX));
     const auto begin = out().boot;
     expectFailure(39, Remedy::tryLater);
-    EXPECT_NEAR(120, std::chrono::duration<double>(out().boot - begin).count(), 0.3);
+    EXPECT_EQ(120s, out().boot - begin);
     close(locked);
     token();
 }
@@ -962,6 +1288,7 @@ TEST_F(SessionTest, LockOfAnotherProcess_IsWaitedForUntilTheTimeout) {
 TEST_F(SessionTest, RefusedSettings_AreNamed) {
     struct Case {
         std::string member;
+        std::string reason;
         std::function<void(Settings&)> change;
     };
     const auto set = [](std::string Settings::*member, const std::string& value) {
@@ -978,25 +1305,36 @@ TEST_F(SessionTest, RefusedSettings_AreNamed) {
         {"revocationEndpoint", &Settings::revocationEndpoint}};
     for (const auto& [name, member] : members) {
         if (name != "revocationEndpoint") {
-            cases.push_back({name, set(member, "")});
+            cases.push_back({name, "is missing", set(member, "")});
         }
-        cases.push_back({name, [member = member](Settings& given) { given.*member += "\n"; }});
-        cases.push_back({name, [member = member](Settings& given) { given.*member += "\x7f"; }});
+        for (const char* const control : {"\n", "\x1f", "\x7f"}) {
+            cases.push_back(
+                {name, "holds a control character",
+                 [member = member, control](Settings& given) { given.*member += control; }});
+        }
         if (name.find("Endpoint") != std::string::npos) {
             for (const char* const url : {"http://auth.test/", "https:/auth.test/", "auth.test",
                                           "https://", "x", "https://a/#f"}) {
-                cases.push_back({name, set(member, url)});
+                cases.push_back(
+                    {name,
+                     std::strchr(url, '#') != nullptr ? "has a fragment" : "is not an https URL",
+                     set(member, url)});
             }
         }
     }
     for (const char* const uri : {"app://cb", "https://x", "HTTPS://X/cb", "https://x/a/../b",
                                   "https://app.test/cb#f", "https://host?x=1"}) {
-        cases.push_back({"redirectUri", set(&Settings::redirectUri, uri)});
+        cases.push_back({"redirectUri",
+                         std::strchr(uri, '#') != nullptr
+                             ? "has a fragment"
+                             : "would be rewritten by libcurl, so that its callback is never found",
+                         set(&Settings::redirectUri, uri)});
     }
-    cases.push_back({"tokenFile", set(&Settings::tokenFile, "tokens.json")});
-    cases.push_back({"tokenFile", set(&Settings::tokenFile, "/tmp/")});
-    cases.push_back({"margin", [](Settings& given) { given.margin = -1s; }});
-    cases.push_back({"timeout", [](Settings& given) { given.timeout = 999ms; }});
+    cases.push_back(
+        {"tokenFile", "is not an absolute path", set(&Settings::tokenFile, "tokens.json")});
+    cases.push_back({"tokenFile", "names a folder", set(&Settings::tokenFile, "/tmp/")});
+    cases.push_back({"margin", "is negative", [](Settings& given) { given.margin = -1s; }});
+    cases.push_back({"timeout", "is below 1 s", [](Settings& given) { given.timeout = 999ms; }});
     for (const Case& one : cases) {
         Settings given = settings();
         given.revocationEndpoint = "https://auth.test/revoke";
@@ -1004,8 +1342,18 @@ TEST_F(SessionTest, RefusedSettings_AreNamed) {
         const auto exception = failure([&] { const Session session(given); });
         EXPECT_EQ(34, exception.errCode());
         EXPECT_EQ(Remedy::fixSettings, exception.remedy());
-        EXPECT_THAT(exception.what(), HasSubstr("setting " + one.member));
+        EXPECT_EQ("The setting " + one.member + " " + one.reason + ".", exception.what());
+        EXPECT_EQ("4 orbaoauth2session: " + std::string(exception.what()), out().log.back());
     }
+    use([](Settings& given) {
+        given.margin = 0s;
+        given.timeout = 1s;
+    });
+    use([](Settings& given) {
+        given.margin = std::chrono::seconds::max();
+        given.timeout = std::chrono::milliseconds::max();
+    });
+    EXPECT_EQ("at-2", token());
     for (const char* const uri : {"https://app.test/cb?x=1", "https://h:443/cb", "app.x://cb/y"}) {
         Settings given = settings();
         given.redirectUri = uri;
@@ -1036,6 +1384,113 @@ TEST_F(SessionTest, SettingsWithoutMemory_AreNotBlamed) {
             EXPECT_THROW(const Session session(given), std::bad_alloc) << name << " " << n;
         }
     }
+}
+
+// Forks are watched from a process's first session on: death tests come first, and run in a child.
+using SessionDeathTest = SessionTest;
+
+TEST_F(SessionDeathTest, ForksThatCannotBeWatched) {
+    GTEST_FLAG_SET(death_test_style, "fast");  // not every emulator can execute this program
+    const auto make = [this] {
+        fakes::world().failAt["pthread_atfork"] = 1;
+        try {
+            session();
+        } catch (const std::bad_alloc&) {
+            session();
+            std::exit(0);
+        }
+    };
+    EXPECT_EXIT(make(), ::testing::ExitedWithCode(0), "");
+}
+
+TEST_F(SessionTest, Texts_OfTheWebLogin) {
+    const auto callback = [](const std::string& query) {
+        return Answer{302, "", "https://app.test/cb?" + query};
+    };
+    const std::vector<std::tuple<std::string, Answer, std::string>> cases = {
+        {"/auth?",
+         {200},
+         "https://auth.test replied with HTTP status 200 where the login needs a redirect."},
+        {"/auth?",
+         {302, "", "https://auth.test/login"},
+         "https://auth.test sent no login challenge."},
+        {"/auth?", callback("code=c"), "The callback of https://auth.test has another state."},
+        {"/auth?", callback("state=STATE"),
+         "The callback of https://auth.test has neither code nor error."},
+        {"/continue",
+         {302, "", "http://x.test"},
+         "The web login leads to a URL that is not https."},
+        {"/continue",
+         {302, "", "https://auth.test/continue"},
+         "The web login did not reach the callback in 10 redirects."},
+        {"/continue", callback("error=invalid_grant&state=STATE"),
+         "https://auth.test replied with the error invalid_grant."}};
+    for (const auto& [part, answer, text] : cases) {
+        out().advance(2h);
+        out().intercept = [part = part, answer = answer](const Request& request, Answer& given) {
+            given = answer;
+            given.headers = {"Retry-After: 777"};
+            const std::size_t state = given.redirect.find("STATE");
+            if (state != std::string::npos) {
+                const std::string sent = outside::parameterOf(request.url, "state");
+                given.redirect.replace(state, 5, sent.empty() ? out().state : sent);
+            }
+            return request.url.find(part) != std::string::npos;
+        };
+        const auto exception = failure();
+        EXPECT_EQ(text, exception.what());
+        EXPECT_EQ(answer.status == 200, exception.retryAfter() == 777s);
+    }
+    EXPECT_EQ(Remedy::fixSettings,
+              failure().remedy());  // invalid_grant of a callback answers no code
+    out().intercept = nullptr;
+    for (const bool refuses : {true, false}) {
+        out().advance(2h);
+        out().login = [refuses](Json::Value& reply) {
+            reply.clear();
+            if (refuses) {
+                throw ORBA::OAuth2Client::OAuth2ClientException(22, "secret");
+            }
+        };
+        EXPECT_STREQ(refuses ? "The account service did not log the device in: code 22."
+                             : "The account service named no URL to continue the login at.",
+                     failure().what());
+    }
+}
+
+TEST_F(SessionTest, Texts) {
+    out().login = [](Json::Value&) { throw 42; };
+    EXPECT_STREQ("An unexpected exception was caught.", failure().what());
+    EXPECT_EQ("4 orbaoauth2session: An unexpected exception was caught.", out().log.back());
+    out().login = nullptr;
+    out().advance(2h);
+    answerTokens({400, R"({"error":"invalid_scope"})"});
+    EXPECT_STREQ("https://auth.test replied with the error invalid_scope.", failure().what());
+    const auto logged = out().log.size();
+    failure();
+    EXPECT_EQ(logged, out().log.size());  // what the gate repeats is logged once
+    out().advance(2h);
+    answerTokens({0, "", "", {}, CURLE_OPERATION_TIMEDOUT});
+    EXPECT_STREQ("The request to https://auth.test failed: Timeout was reached.", failure().what());
+    out().advance(2h);
+    out().intercept = [this](const Request&, Answer& answer) {
+        session().cancel();
+        return answer.hangs = true;
+    };
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_STREQ("The session is cancelled.", failure().what());
+    }
+    use([](Settings& given) { given.timeout = 1s; });
+    const int locked = open((tokenFile() + ".work/lock").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(0, flock(locked, LOCK_EX));
+    EXPECT_STREQ("The call's timeout is over.", failure().what());
+    close(locked);
+    std::filesystem::create_directory(tokenFile());
+    EXPECT_EQ(tokenFile() + " is not this user's own file.", failure().what());
+    std::filesystem::remove(tokenFile());
+    std::filesystem::create_symlink("/dev/null", tokenFile());
+    EXPECT_EQ("Cannot open " + tokenFile() + ": Too many levels of symbolic links.",
+              failure().what());
 }
 
 TEST(SessionExceptions, CarryWhatTheyAreMadeOf) {

@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "stand_ins.h"
+#include "token_store.h"
 
 // Writes the counts of a coverage build, which _exit() would lose; null in other builds.
 extern "C" void __gcov_exit() __attribute__((weak));
@@ -28,7 +29,7 @@ class SharedSession : public SessionTest {
     std::vector<int> during(const std::string& call, const std::function<void()>& first,
                             const std::vector<std::function<void()>>& others) {
         session();
-        std::vector<int> codes(others.size(), 0);
+        std::vector<int> codes(others.size() + 1, 0);
         std::vector<std::thread> threads;
         fakes::world().onCall = [&](const std::string& name) {
             if (name != call || !threads.empty()) {
@@ -39,7 +40,7 @@ class SharedSession : public SessionTest {
             }
             usleep(300'000);  // nanosleep() is a stand-in
         };
-        codes.push_back(codeOf(first));
+        codes.back() = codeOf(first);
         for (std::thread& thread : threads) {
             thread.join();
         }
@@ -80,6 +81,20 @@ TEST_F(SharedSession, Callers_GetTheFailureOfOneRequest) {
     EXPECT_EQ(1U, out().requests.size());
 }
 
+// Nobody else asks: neither for a token that has ended already, nor after a failure that closes no
+// gate.
+TEST_F(SharedSession, Callers_GetWhatAnotherCallWouldNotGet) {
+    out().lifetime = 0;
+    EXPECT_EQ(std::vector<int>(3, 0),
+              during("loginIDP", asking("at-2"), {asking("at-2"), renewing("x", "at-2")}));
+    EXPECT_EQ(3U, out().requests.size());
+    fakes::world().failAt["ORBATOVRAUserAgentNameGet"] =
+        fakes::world().counts["ORBATOVRAUserAgentNameGet"] + 1;
+    const auto ask = [this] { token(); };
+    EXPECT_EQ(std::vector<int>(3, 18),
+              during("ORBATOVRAUserAgentNameGet", ask, {ask, [this] { renew("x"); }}));
+}
+
 TEST_F(SharedSession, TokenTooNewToRenew_IsTheFailureOfThoseWhoRenewItOnly) {
     token();
     const auto refused = [this] { renew("at-2"); };
@@ -93,6 +108,20 @@ TEST_F(SharedSession, RenewedToken_IsTheAnswerForAll) {
     const auto renewIt = renewing("at-2", "at-3");
     EXPECT_EQ(std::vector<int>(3, 0), during("curl_multi_perform", renewIt, {renewIt, renewIt}));
     EXPECT_EQ(4U, out().requests.size());
+}
+
+TEST_F(SharedSession, RenewedTokenThatSomebodyRefused_IsNoAnswerForThem) {
+    token();
+    out().advance(10s);
+    EXPECT_EQ((std::vector<int>{40, 0}),
+              during("curl_multi_perform", renewing("at-2", "at-3"), {[this] { renew("at-3"); }}));
+}
+
+TEST_F(SharedSession, EarlyRenewal_OthersGoOnWithTheTokenAtHand) {
+    token();
+    out().advance(3530s);
+    EXPECT_EQ((std::vector<int>{0, 0}),
+              during("curl_multi_perform", asking("at-3"), {asking("at-2")}));
 }
 
 TEST_F(SharedSession, SignOut_AndCallsAtTheSameTimeTakeTurns) {
@@ -139,10 +168,29 @@ class ForkedSession : public SharedSession {
 TEST_F(ForkedSession, Child_IsRefusedAndMakesItsOwn) {
     token();
     inChild([this] {
-        const bool refused = codeOf([this] { token(); }) == 34;
+        const bool refused = codeOf([this] { token(); }) == 34 &&
+                             codeOf([this] { renew("x"); }) == 34 &&
+                             codeOf([this] { session().signOut(); }) == 34;
         theSession.reset();
         return refused && token() == "at-2";
     });
+}
+
+TEST_F(ForkedSession, LocksAreReleasedInAnyOrder) {
+    const auto store = [this](const char* name) {
+        auto made = std::make_unique<TokenStore>(folder + name);
+        EXPECT_TRUE(made->tryLock());
+        return made;
+    };
+    auto first = store("/1");
+    auto second = store("/2");
+    first.reset();
+    first = store("/1");
+    inChild([] { return true; });
+    EXPECT_FALSE(TokenStore(folder + "/2").tryLock());
+    second.reset();
+    EXPECT_FALSE(TokenStore(folder + "/1").tryLock());
+    EXPECT_TRUE(TokenStore(folder + "/2").tryLock());
 }
 
 // A child that is forked during a request does not keep the lock.

@@ -14,7 +14,8 @@ target_link_libraries(
 foreach(
     function IN
     ITEMS malloc realloc free clock_gettime nanosleep open openat fstat fstatat faccessat pread pwrite ftruncate
-          fsync fdatasync fchmod flock mkdirat unlinkat renameat posix_fallocate RAND_bytes EVP_Digest)
+          fsync fdatasync fchmod fchmodat flock mkdirat unlinkat renameat posix_fallocate geteuid pthread_atfork
+          curl_url RAND_bytes EVP_Digest)
     target_link_options(session_stand_ins PUBLIC -Wl,--wrap=${function})
 endforeach()
 orba_warnings(session_stand_ins)

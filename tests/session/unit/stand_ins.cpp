@@ -34,7 +34,7 @@ using outside::Request;
 namespace outside {
 
 Outside& get() {
-    static Outside theOutside;
+    static Outside& theOutside = *new Outside;  // files are used until the process ends
     return theOutside;
 }
 
@@ -106,9 +106,8 @@ CURLcode deliver(Easy& easy, const OwnWork& own) {
     for (const std::string& line : answer.headers) {
         lines.push_back(line + "\r\n");
     }
-    lines.emplace_back("\r\n");
-    if (answer.headersCut) {
-        lines.pop_back();
+    if (!answer.headersEnd.empty()) {
+        lines.push_back(answer.headersEnd);
     }
     const auto give = [&](curl_write_callback take, std::string& piece, void* data) {
         return own.callBack([&] { return take(piece.data(), 1, piece.size(), data); }) ==
@@ -334,6 +333,7 @@ void vsyslog(int priority, const char* format, va_list arguments) {
 }
 
 int __wrap_clock_gettime(clockid_t clock, timespec* time) {
+    EXPECT_TRUE(clock == CLOCK_REALTIME || clock == CLOCK_BOOTTIME);
     const auto now = clock == CLOCK_REALTIME ? outside::get().wall : outside::get().boot;
     const auto whole = std::chrono::duration_cast<std::chrono::seconds>(now);
     *time = {whole.count(), (now - whole).count()};
@@ -348,23 +348,40 @@ int __wrap_nanosleep(const timespec* request, timespec* /*remainder*/) {
     return 0;
 }
 
-// Each fails with the error that the system gives when the disk is broken.
+// Whether the call fails, with the error that the system gives when the disk is broken.
+static bool fails(const char* name) {
+    const OwnWork own;
+    const bool failing = world().enter(name, "");
+    if (failing) {
+        errno = outside::get().error;
+    }
+    return failing;
+}
+
 #define ORBA_FAULTY(result, name, failure, parameters, arguments) \
     result __real_##name parameters;                              \
-    result __wrap_##name parameters {                             \
-        {                                                         \
-            const OwnWork own;                                    \
-            if (world().enter(#name, "")) {                       \
-                errno = outside::get().error;                     \
-                return failure;                                   \
-            }                                                     \
-        }                                                         \
-        return __real_##name arguments;                           \
-    }
+    result __wrap_##name parameters { return fails(#name) ? failure : (__real_##name arguments); }
 
-ORBA_FAULTY(int, fstat, -1, (int file, struct stat* status), (file, status))
+constexpr uid_t kUser = 1000;
+
+uid_t __wrap_geteuid(void) { return kUser; }
+
+int __real_fstat(int file, struct stat* status);
+int __wrap_fstat(int file, struct stat* status) {
+    const int result = fails("fstat") ? -1 : __real_fstat(file, status);
+    const auto& owners = outside::get().owners;
+    const auto owner = owners.find(status->st_ino);
+    status->st_uid = owner == owners.end() ? kUser : owner->second;
+    return result;
+}
+
 ORBA_FAULTY(int, fstatat, -1, (int folder, const char* name, struct stat* status, int flags),
             (folder, name, status, flags))
+ORBA_FAULTY(int, fchmodat, -1, (int folder, const char* name, mode_t mode, int flags),
+            (folder, name, mode, flags))
+ORBA_FAULTY(int, pthread_atfork, ENOMEM, (void (*before)(), void (*parent)(), void (*child)()),
+            (before, parent, child))
+ORBA_FAULTY(CURLU*, curl_url, nullptr, (), ())
 ORBA_FAULTY(ssize_t, pread, -1, (int file, void* data, size_t size, off_t at),
             (file, data, size, at))
 ORBA_FAULTY(ssize_t, pwrite, -1, (int file, const void* data, size_t size, off_t at),
@@ -394,24 +411,12 @@ int __wrap_openat(int folder, const char* name, int flags, ...) {
     va_start(arguments, flags);
     const mode_t mode = (flags & O_CREAT) == 0 ? 0 : va_arg(arguments, mode_t);
     va_end(arguments);
-    {
-        const OwnWork own;
-        if (world().enter("openat", "")) {
-            errno = outside::get().error;
-            return -1;
-        }
-    }
-    return __real_openat(folder, name, flags, mode);
+    return fails("openat") ? -1 : __real_openat(folder, name, flags, mode);
 }
 
 int __real_open(const char* name, int flags, mode_t mode);
 int __wrap_open(const char* name, int flags, ...) {
-    const OwnWork own;
-    if (world().enter("open", "")) {
-        errno = outside::get().error;
-        return -1;
-    }
-    return __real_open(name, flags, 0);
+    return fails("open") ? -1 : __real_open(name, flags, 0);
 }
 
 }  // extern "C"
@@ -497,6 +502,12 @@ ORBA::OAuth2Session::Session& SessionTest::session() {
         theSession = std::make_unique<ORBA::OAuth2Session::Session>(settings());
     }
     return *theSession;
+}
+
+void SessionTest::use(const std::function<void(ORBA::OAuth2Session::Settings&)>& change) {
+    ORBA::OAuth2Session::Settings given = settings();
+    change(given);
+    theSession = std::make_unique<ORBA::OAuth2Session::Session>(given);
 }
 
 Json::Value SessionTest::stored() const {

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <functional>
@@ -34,7 +35,7 @@ struct Answer {
     std::string redirect = {};
     std::vector<std::string> headers = {};
     CURLcode result = CURLE_OK;
-    bool headersCut = false;
+    std::string headersEnd = "\r\n";
     bool hangs = false;
 };
 
@@ -43,7 +44,8 @@ struct Outside {
     std::chrono::nanoseconds boot = std::chrono::hours(10);
     std::chrono::nanoseconds wall = std::chrono::seconds(1'800'000'000);
     bool linked = true;
-    int error = 5;  // EIO: the errno of a failing system call
+    int error = 5;                  // EIO: the errno of a failing system call
+    std::map<ino_t, uid_t> owners;  // of files that are not the user's own
     std::string account = "account-1";
     // The account service's grant; by default the device has no PKCE access token.
     std::function<std::string()> grant;
@@ -80,6 +82,8 @@ class SessionTest : public ::testing::Test {
 
     ORBA::OAuth2Session::Settings settings() const;
     ORBA::OAuth2Session::Session& session();
+    // A session with other settings.
+    void use(const std::function<void(ORBA::OAuth2Session::Settings&)>& change);
     void restart() { theSession.reset(); }
     std::string token() { return session().accessToken().text; }
     std::string renew(const std::string& refused) { return session().renew(refused).text; }
