@@ -23,7 +23,6 @@ namespace {
 using fakes::world;
 using ::testing::ElementsAre;
 using ::testing::ElementsAreArray;
-using ::testing::HasSubstr;
 
 std::ptrdiff_t openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
@@ -145,6 +144,12 @@ TEST_F(HostFaults, ReadingTheProfile_NeedsTheseCalls) {
     EXPECT_THAT(world().calls, ElementsAre("open(cloexec)", "fstat()", "read()", "read()"));
 }
 
+TEST_F(HostFaults, TouchingAFile_LeavesNothingToChildren) {
+    const fakes::UnderTest atWork;
+    EXPECT_EQ(0, KLIBCFileTouch("/dev/null"));
+    EXPECT_THAT(world().calls, ElementsAre("open(cloexec)"));
+}
+
 TEST_F(HostFaults, FailedRead_WritesNothing) {
     for (const Reader& reader : kReaders) {
         fakes::reset();
@@ -248,6 +253,24 @@ TEST_F(RemoveFaults, NeedsTheseCalls) {
     EXPECT_THAT(world().calls, ElementsAreArray(expected));
 }
 
+TEST_F(RemoveFaults, NewProfile_IsMadeInTheFolderOfTheOldOne) {
+    std::set<std::string> names;
+    std::ptrdiff_t opened = -openFiles();
+    world().onCall = [&](const std::string& name) {
+        if (name == "rename") {
+            const fakes::OwnWork own;
+            names = profile.folder().names();
+            opened += openFiles();
+        }
+    };
+    {
+        const fakes::UnderTest atWork;
+        EXPECT_EQ(0, remove());
+    }
+    EXPECT_THAT(names, ElementsAre(::testing::StartsWith(".orba-host-"), "device.json"));
+    EXPECT_EQ(2, opened) << "the new file and its folder";
+}
+
 TEST_F(RemoveFaults, ProfileOfAnotherUser_StaysTheirs) {
     for (const auto& [user, group] : {std::pair(1U, 1U), std::pair(1U, 0U), std::pair(0U, 1U)}) {
         profile.write(sampleProfile());
@@ -262,18 +285,21 @@ TEST_F(RemoveFaults, ProfileOfAnotherUser_StaysTheirs) {
 }
 
 TEST_F(RemoveFaults, InterruptedAndShortReadsAndWrites_AreContinued) {
-    world().interrupted = 2;
-    world().mostBytes = 1;
-    world().onCall = [](const std::string& name) {
-        world().interrupted = name == "fchmod" ? 1 : world().interrupted;  // the first write()
-    };
-    {
-        const fakes::UnderTest atWork;
-        EXPECT_EQ(0, remove());
-        world().interrupted = 1;
-        EXPECT_EQ(0, serial());
+    for (const std::size_t mostBytes : {1U, 100U}) {
+        profile.write(sampleProfile());
+        world().interrupted = 2;
+        world().mostBytes = mostBytes;
+        world().onCall = [](const std::string& name) {
+            world().interrupted = name == "fchmod" ? 1 : world().interrupted;  // the first write()
+        };
+        {
+            const fakes::UnderTest atWork;
+            EXPECT_EQ(0, remove());
+            world().interrupted = 1;
+            EXPECT_EQ(0, serial());
+        }
+        afterFault(ORBA_HOST_OK);
     }
-    afterFault(ORBA_HOST_OK);
 }
 
 TEST_F(RemoveFaults, ProfileThatCannotStayTheirs_StaysAsItIs) {
@@ -288,6 +314,8 @@ TEST_F(RemoveFaults, ProfileThatCannotStayTheirs_StaysAsItIs) {
 
 // --- requests ---
 
+const std::string kNoGrant =
+    "no grant: https://account.localhost:8443/device/api/fleet_lens_grant: ";
 constexpr char kGranted[] = R"({"code": "success", "grant": "g"})";
 
 class RequestFaults : public HostFaults {
@@ -348,7 +376,7 @@ TEST_F(RequestFaults, Send_SetsTheseOptions) {
     answer({CURLE_OK, 200, "body", {}, {}});
     EXPECT_EQ(ORBA_HOST_OK, send());
     EXPECT_THAT(fakes::callsOf({"curl_easy_setopt"}),
-                ElementsAre("curl_easy_setopt(CURLOPT_ERRORBUFFER, )",
+                ElementsAre("curl_easy_setopt(CURLOPT_ERRORBUFFER, buffer)",
                             "curl_easy_setopt(CURLOPT_URL, https://my~host:1/some/path)",
                             "curl_easy_setopt(CURLOPT_PROTOCOLS_STR, https)",
                             "curl_easy_setopt(CURLOPT_FOLLOWLOCATION, 0)",
@@ -371,6 +399,32 @@ TEST_F(RequestFaults, Grant_AuthorizesWithTheToken) {
     EXPECT_EQ("https://account.localhost:8443/device/api/fleet_lens_grant",
               request.options.at(CURLOPT_URL));
     EXPECT_EQ("client_id=c&redirect_uri=r&scope=s&state=t", request.options.at(CURLOPT_POSTFIELDS));
+}
+
+TEST_F(RequestFaults, ReplyWithoutGrant_IsRefusedWithItsCode) {
+    const auto expectRefusal = [this](OrbaHostError number, long status, const std::string& sent,
+                                      const std::string& cause) {
+        answer({CURLE_OK, status, sent, {}, {}});
+        EXPECT_EQ(number, grant()) << sent;
+        EXPECT_EQ(kNoGrant + "HTTP status " + std::to_string(status) + ", " + cause, text);
+    };
+    const std::string granted = "\"code\" is \"success\"";
+    const std::string longest(100, 'x');
+    expectRefusal(ORBA_HOST_REPLY_STATUS, 404, "<html>", "the reply is no JSON object");
+    expectRefusal(ORBA_HOST_REPLY_STATUS, 500, kGranted, granted);
+    expectRefusal(ORBA_HOST_REPLY_REFUSED, 200, "[]", "the reply is no JSON object");
+    for (const std::string none : {"{}", R"({"code": 7})", R"({"code": null})"}) {
+        expectRefusal(ORBA_HOST_REPLY_REFUSED, 200, none, "the reply has no \"code\"");
+    }
+    expectRefusal(ORBA_HOST_REPLY_REFUSED, 200, R"({"code": "ab\"c", "grant": "g"})",
+                  R"("code" is "ab\"c")");
+    expectRefusal(ORBA_HOST_REPLY_REFUSED, 200, "{\"code\": \"" + longest + "y\"}",
+                  "\"code\" is \"" + longest + "\"");
+    for (const std::string grants :
+         {"", R"(, "grant": "")", R"(, "grant": 7)", R"(, "grant": null)"}) {
+        expectRefusal(ORBA_HOST_REPLY_REFUSED, 200, "{\"code\": \"success\"" + grants + "}",
+                      granted + ", but there is no \"grant\"");
+    }
 }
 
 TEST_F(RequestFaults, EachCall_Fails) {
@@ -410,11 +464,11 @@ TEST_F(RequestFaults, EachTransferFailure_HasItsNumber) {
         EXPECT_EQ(number, send()) << result;
         EXPECT_EQ(std::nullopt, body);
         EXPECT_EQ(number, grant()) << result;
-        EXPECT_EQ(
-            "no grant: https://account.localhost:8443/device/api/fleet_lens_grant: the stand-in's "
-            "text",
-            text);
+        EXPECT_EQ(kNoGrant + "the stand-in's text", text);
     }
+    answer({CURLE_GOT_NOTHING, 0, "", {}, {}, 1, "x"});
+    grant();
+    EXPECT_EQ(kNoGrant + "x", text);
 }
 
 TEST_F(RequestFaults, BodyInPieces_IsJoined) {
@@ -428,6 +482,12 @@ TEST_F(RequestFaults, Body_HasRoomForItsEnd) {
     answer({CURLE_OK, 200, std::string(24, 'x'), {}, {}});
     EXPECT_EQ(ORBA_HOST_OK, send());
     EXPECT_GT(room, 24U);
+}
+
+TEST_F(RequestFaults, Body_EndsAtANul) {
+    answer({CURLE_OK, 200, std::string("a\0b", 3), {}, {}});
+    EXPECT_EQ(ORBA_HOST_OK, send());
+    EXPECT_EQ("a", body);
 }
 
 TEST_F(RequestFaults, EmptyBody_IsNone) {
@@ -447,8 +507,7 @@ TEST_F(RequestFaults, BodyOfOneMebibyte_IsTaken_OneByteMoreIsNot) {
         EXPECT_EQ(std::nullopt, body);
     }
     EXPECT_EQ(ORBA_HOST_REPLY_TOO_LARGE, grant());
-    EXPECT_THAT(text,
-                HasSubstr("fleet_lens_grant: the reply is too large, for this or for memory"));
+    EXPECT_EQ(kNoGrant + "the reply is too large, for this or for memory", text);
 }
 
 TEST_F(RequestFaults, StatusOutside200To299_Fails) {

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "support/host_profile.h"
+#include "support/readers.h"
 
 namespace {
 
@@ -21,141 +22,120 @@ bool isZero(const char* begin, const char* end) {
     return std::all_of(begin, end, [](char c) { return c == 0; });
 }
 
-// ---- the error number
-// ------------------------------------------------------------------------------
+// --- the error number ---
 
 TEST(ErrorNumber, IsWhatWasSet) {
     ORBATOVRAErrSet(4000000000U);
-    EXPECT_EQ(ORBATOVRAErrGet(), 4000000000U);
+    EXPECT_EQ(4000000000U, ORBATOVRAErrGet());
     ORBATOVRAErrSet(0);
-    EXPECT_EQ(ORBATOVRAErrGet(), 0U);
+    EXPECT_EQ(0U, ORBATOVRAErrGet());
 }
 
-TEST(ErrorNumber, FailureSetsIt_SuccessKeepsIt) {
+TEST(ErrorNumber, SuccessKeepsIt) {
     const HostProfile profile;
-    ORBATOVRAErrSet(0);
-    EXPECT_NE(ORBATOVRAAccountGet(nullptr), 0);
-    EXPECT_EQ(ORBATOVRAErrGet(), static_cast<unsigned int>(ORBA_HOST_INVALID_ARGUMENT));
+    ORBATOVRAErrSet(7);
     char name[256];
-    EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, sizeof(name)), 0);
-    EXPECT_EQ(ORBATOVRAErrGet(), static_cast<unsigned int>(ORBA_HOST_INVALID_ARGUMENT));
+    EXPECT_EQ(0, ORBATOVRAUserAgentNameGet(name, sizeof name));
+    EXPECT_EQ(7U, ORBATOVRAErrGet());
 }
 
 TEST(ErrorNumber, BelongsToItsThread) {
     ORBATOVRAErrSet(7);
     std::thread([] {
-        EXPECT_EQ(ORBATOVRAErrGet(), 0U);
+        EXPECT_EQ(0U, ORBATOVRAErrGet());
         ORBATOVRAErrSet(8);
     }).join();
-    EXPECT_EQ(ORBATOVRAErrGet(), 7U);
+    EXPECT_EQ(7U, ORBATOVRAErrGet());
 }
 
-// ---- buffers and records
-// ---------------------------------------------------------------------------
+// --- buffers and records ---
 
-TEST(UserAgent, FitsItsBufferExactly) {
+TEST(TextBuffer, IsFilledExactly_OrNotAtAll) {
     const HostProfile profile;
-    profile.writeWith("user_agent", "12345");
-    char name[] = "-------";
-    EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, 6), 0);
-    EXPECT_STREQ(name, "12345");
-    EXPECT_EQ(name[6], '-');
-}
-
-TEST(UserAgent, NoBufferOrOneForNothing_Fails) {
-    const HostProfile profile;
-    char name[2] = "-";
-    EXPECT_EQ(ORBATOVRAUserAgentNameGet(nullptr, 256), -ORBA_HOST_INVALID_ARGUMENT);
-    EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, 0), -ORBA_HOST_INVALID_ARGUMENT);
-    EXPECT_EQ(ORBATOVRAUserAgentNameGet(name, 1), -ORBA_HOST_MEMBER_TOO_LONG);
-    EXPECT_STREQ(name, "-");
+    const std::pair<const char*, int (*)(char*, size_t)> getters[] = {
+        {"user_agent", ORBATOVRAUserAgentNameGet}, {"serial_number", KLIBGetSerialNumber}};
+    for (const auto& [member, get] : getters) {
+        profile.writeWith(member, "12345");
+        char text[] = "-------";
+        EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, get(nullptr, 6)) << member;
+        EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, get(text, 0)) << member;
+        EXPECT_EQ(-ORBA_HOST_MEMBER_TOO_LONG, get(text, 1)) << member;
+        EXPECT_EQ(-ORBA_HOST_MEMBER_TOO_LONG, get(text, 5)) << member;
+        EXPECT_STREQ("-------", text) << member;
+        EXPECT_EQ(0, get(text, 6)) << member;
+        EXPECT_STREQ("12345", text) << member;
+        EXPECT_EQ('-', text[6]) << member;
+    }
 }
 
 TEST(Account, FillsTheWholeRecord) {
     const HostProfile profile;
     const auto account = std::make_unique<TovraAccountRecord>();
-    std::memset(account.get(), 0x5A, sizeof(*account));
-    ASSERT_EQ(ORBATOVRAAccountGet(account.get()), 0);
-    EXPECT_STREQ(account->id, "account-1");
-    EXPECT_STREQ(account->authKey, "key-1");
+    std::memset(account.get(), 0x5A, sizeof *account);
+    ASSERT_EQ(0, ORBATOVRAAccountGet(account.get()));
+    EXPECT_STREQ("account-1", account->id);
+    EXPECT_STREQ("key-1", account->authKey);
     EXPECT_TRUE(isZero(account->reserved0, account->id));
     EXPECT_TRUE(isZero(account->id + 9, account->authKey));
-    EXPECT_TRUE(isZero(account->authKey + 5, account->reserved1 + sizeof(account->reserved1)));
-}
-
-TEST(Account, NoRecord_Fails) {
-    const HostProfile profile;
-    EXPECT_EQ(ORBATOVRAAccountGet(nullptr), -ORBA_HOST_INVALID_ARGUMENT);
+    EXPECT_TRUE(isZero(account->authKey + 5, account->reserved1 + sizeof account->reserved1));
 }
 
 TEST(ServerConfig, FillsTheWholeRecord) {
     const HostProfile profile;
     TovraServerConfigRecord config;
-    std::memset(&config, 0x5A, sizeof(config));
-    ASSERT_EQ(ORBATOVRAServerConfigGet(&config), 0);
-    EXPECT_STREQ(config.server, "account.localhost:8443");
+    std::memset(&config, 0x5A, sizeof config);
+    ASSERT_EQ(0, ORBATOVRAServerConfigGet(&config));
+    EXPECT_STREQ("account.localhost:8443", config.server);
     EXPECT_TRUE(isZero(config.reserved, config.server));
-    EXPECT_TRUE(isZero(config.server + 22, config.server + sizeof(config.server)));
+    EXPECT_TRUE(isZero(config.server + 22, config.server + sizeof config.server));
 }
 
-TEST(ServerConfig, NoRecord_Fails) {
+TEST(Records, None_Fails) {
     const HostProfile profile;
-    EXPECT_EQ(ORBATOVRAServerConfigGet(nullptr), -ORBA_HOST_INVALID_ARGUMENT);
+    EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, ORBATOVRAAccountGet(nullptr));
+    EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, ORBATOVRAServerConfigGet(nullptr));
 }
 
-// ---- wrong requests
-// --------------------------------------------------------------------------------
+// --- wrong requests ---
 
 class WrongRequestTest : public ::testing::Test {
   protected:
     WrongRequestTest() {
-        request_.server = "localhost:1";
-        request_.path = "path";
-        request_.parameters = table_.get();
+        request.server = "localhost:1";
+        request.path = "path";
+        request.parameters = table.get();
     }
-    int send() { return ORBATOVRAHttpsRequestSend(&request_, &response_); }
+    // Fails with the field changed to this value.
+    template <class Field>
+    void expectRefused(Field TovraHttpsRequestRecord::*field, const char* value) {
+        TovraHttpsRequestRecord wrong = request;
+        if constexpr (std::is_same_v<Field, const char*>) {
+            wrong.*field = value;
+        } else {
+            wrong.*field = nullptr;
+        }
+        EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, ORBATOVRAHttpsRequestSend(&wrong, &response))
+            << (value == nullptr ? "null" : value);
+    }
 
-    struct Free {
-        void operator()(KLIBCSzHash* table) const { KLIBCSzHashFree(table); }
-    };
-    std::unique_ptr<KLIBCSzHash, Free> table_{KLIBCSzHashAlloc(0)};
-    TovraHttpsRequestRecord request_{};
-    TovraHttpsResponseRecord response_{};
+    std::unique_ptr<KLIBCSzHash, decltype(&KLIBCSzHashFree)> table{KLIBCSzHashAlloc(0),
+                                                                   KLIBCSzHashFree};
+    TovraHttpsRequestRecord request{};
+    TovraHttpsResponseRecord response{};
 };
 
-TEST_F(WrongRequestTest, NoRecords_Fails) {
-    EXPECT_EQ(ORBATOVRAHttpsRequestSend(nullptr, &response_), -ORBA_HOST_INVALID_ARGUMENT);
-    EXPECT_EQ(ORBATOVRAHttpsRequestSend(&request_, nullptr), -ORBA_HOST_INVALID_ARGUMENT);
-}
-
-TEST_F(WrongRequestTest, NoServer_Fails) {
-    request_.server = nullptr;
-    EXPECT_EQ(send(), -ORBA_HOST_INVALID_ARGUMENT);
-}
-
-TEST_F(WrongRequestTest, NoPath_Fails) {
-    request_.path = nullptr;
-    EXPECT_EQ(send(), -ORBA_HOST_INVALID_ARGUMENT);
-}
-
-TEST_F(WrongRequestTest, NoTable_Fails) {
-    request_.parameters = nullptr;
-    EXPECT_EQ(send(), -ORBA_HOST_INVALID_ARGUMENT);
-}
-
-TEST_F(WrongRequestTest, ServerThatIsNoHostAndPort_Fails) {
+TEST_F(WrongRequestTest, IsRefused) {
+    EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, ORBATOVRAHttpsRequestSend(nullptr, &response));
+    EXPECT_EQ(-ORBA_HOST_INVALID_ARGUMENT, ORBATOVRAHttpsRequestSend(&request, nullptr));
+    expectRefused(&TovraHttpsRequestRecord::parameters, nullptr);
     for (const char* server :
-         {"", "https://localhost", "localhost/path", "localhost?x", "localhost#x", "user@localhost",
-          "localhost\\x", "localhost:99999", "local host", "localhost\r\nHost: x"}) {
-        request_.server = server;
-        EXPECT_EQ(send(), -ORBA_HOST_INVALID_ARGUMENT) << server;
+         {static_cast<const char*>(nullptr), "", "https://localhost", "localhost/path",
+          "localhost?x", "localhost#x", "user@localhost", "localhost\\x", "localhost:99999",
+          "local host", "localhost\r\nHost: x"}) {
+        expectRefused(&TovraHttpsRequestRecord::server, server);
     }
-}
-
-TEST_F(WrongRequestTest, PathThatIsNoPath_Fails) {
-    for (const char* path : {"a b", "a\r\nX: y"}) {
-        request_.path = path;
-        EXPECT_EQ(send(), -ORBA_HOST_INVALID_ARGUMENT) << path;
+    for (const char* path : {static_cast<const char*>(nullptr), "a b", "a\r\nX: y"}) {
+        expectRefused(&TovraHttpsRequestRecord::path, path);
     }
 }
 
@@ -165,7 +145,7 @@ TEST(HttpsResponseFree, ZeroNullAndTwice_AreAllowed) {
     ORBATOVRAHttpsResponseFree(&response);
     response.body = ::strdup("body");
     ORBATOVRAHttpsResponseFree(&response);
-    EXPECT_EQ(response.body, nullptr);
+    EXPECT_EQ(nullptr, response.body);
     ORBATOVRAHttpsResponseFree(&response);
 }
 
@@ -176,82 +156,56 @@ TEST(HttpsResponseFree, LeavesNothingAllocated) {
         response.body = static_cast<char*>(std::malloc(1000));
         ORBATOVRAHttpsResponseFree(&response);
     }
-    EXPECT_LT(::mallinfo2().uordblks, before + 100000);
+    EXPECT_GT(before + 100000, ::mallinfo2().uordblks);
 }
 
-// ---- the services without a server
-// -----------------------------------------------------------------
+// --- the services without a server ---
 
-template <typename Call>
-std::string refusal(Call call) {
-    try {
-        return "returned " + call();
-    } catch (const std::exception& exception) {
-        EXPECT_NE(dynamic_cast<const orbatovra::TovraException*>(&exception), nullptr);
-        return exception.what();
+class ServicesTest : public ::testing::Test {
+  protected:
+    void expectNoToken(const std::string& cause) const {
+        EXPECT_EQ("no PKCE access token: " + cause, readAccessToken().text);
     }
-}
+    static void expectNoGrant(const std::string& cause) {
+        EXPECT_EQ("no grant: " + cause, requestGrant().text);
+    }
+    std::string inProfile(const std::string& cause) const {
+        return "device profile " + profile.path() + ": " + cause;
+    }
 
-std::string token() { return orbatovra::AccountPkceService().GetAccessToken(); }
+    HostProfile profile;
+};
 
-std::string grant() {
-    return orbatovra::AccountFleetLensService().Grant("client", "scope", "https://nas/cb", "state");
-}
-
-TEST(Services, NoToken_SaysWhichMemberOfWhichProfile) {
-    const HostProfile profile;
+TEST_F(ServicesTest, NoTokenOrServer_SaysWhichMember) {
     profile.writeWithout("pkce_access_token");
-    const std::string cause = ": device profile " + profile.path() +
-                              ": the member \"pkce_access_token\" is missing or empty";
-    EXPECT_EQ(refusal(token), "no PKCE access token" + cause);
-    EXPECT_EQ(refusal(grant), "no grant" + cause);
-    EXPECT_EQ(ORBATOVRAErrGet(), static_cast<unsigned int>(ORBA_HOST_MEMBER_MISSING));
-}
-
-TEST(Services, ProfileThatCannotBeUsed_SaysWhy) {
-    const HostProfile profile;
-    const auto expectCause = [&](const std::string& cause) {
-        EXPECT_EQ(refusal(token),
-                  "no PKCE access token: device profile " + profile.path() + ": " + cause);
-    };
-    profile.writeWith("pkce_access_token", 1);
-    expectCause("the member \"pkce_access_token\" is not a text");
-    profile.writeWith("pkce_access_token", "\n");
-    expectCause("the member \"pkce_access_token\" holds a control character");
-    profile.write(std::string("[]"));
-    expectCause("not a JSON object in UTF-8");
-    profile.write(std::string(1024 * 1024 + 1, ' '));
-    expectCause("more than 1 MiB");
-    profile.use(profile.folder().path());
-    EXPECT_EQ(refusal(token), "no PKCE access token: device profile " + profile.folder().path() +
-                                  ": not a regular file");
-}
-
-TEST(Services, NoProfile_SaysWhichPath) {
-    const HostProfile profile;
-    profile.use("/none/device.json");
-    const std::string cause = ": device profile /none/device.json: No such file or directory";
-    EXPECT_EQ(refusal(token), "no PKCE access token" + cause);
-    EXPECT_EQ(refusal(grant), "no grant" + cause);
-}
-
-TEST(Services, NoServer_SaysWhichMember) {
-    const HostProfile profile;
+    expectNoToken(inProfile("the member \"pkce_access_token\" is missing or empty"));
+    expectNoGrant(inProfile("the member \"pkce_access_token\" is missing or empty"));
     profile.writeWithout("account_service");
-    EXPECT_EQ(refusal(grant), "no grant: device profile " + profile.path() +
-                                  ": the member \"account_service\" is missing or empty");
+    expectNoGrant(inProfile("the member \"account_service\" is missing or empty"));
+    profile.writeWith("account_service", "https://account.localhost");
+    expectNoGrant("the server must be host[:port]");
 }
 
-TEST(Services, ServerThatIsNoHostAndPort_SaysSo) {
-    const HostProfile profile;
-    profile.writeWith("account_service", "https://account.localhost");
-    EXPECT_EQ(refusal(grant), "no grant: the server must be host[:port]");
+TEST_F(ServicesTest, ProfileThatCannotBeUsed_SaysWhy) {
+    profile.writeWith("pkce_access_token", 1);
+    expectNoToken(inProfile("the member \"pkce_access_token\" is not a text"));
+    profile.writeWith("pkce_access_token", "\n");
+    expectNoToken(inProfile("the member \"pkce_access_token\" holds a control character"));
+    profile.write(std::string("[]"));
+    expectNoToken(inProfile("not a JSON object in UTF-8"));
+    profile.write(std::string(1024 * 1024 + 1, ' '));
+    expectNoToken(inProfile("more than 1 MiB"));
+    profile.use("/");
+    expectNoToken("device profile /: not a regular file");
+    profile.use("/none/device.json");
+    expectNoToken("device profile /none/device.json: No such file or directory");
+    expectNoGrant("device profile /none/device.json: No such file or directory");
 }
 
 TEST(TovraException, KeepsItsText) {
-    EXPECT_STREQ(orbatovra::TovraException("text").what(), "text");
+    EXPECT_STREQ("text", orbatovra::TovraException("text").what());
     const orbatovra::TovraException copy = orbatovra::TovraException(std::string(1000, 'x'));
-    EXPECT_EQ(copy.what(), std::string(1000, 'x'));
+    EXPECT_EQ(std::string(1000, 'x'), copy.what());
 }
 
 }  // namespace

@@ -1,7 +1,4 @@
-/**
- * @file
- * @brief How the host edition's libraries report a failure, inside and at their C functions.
- */
+// How the host edition's libraries report a failure, inside and at their C functions.
 #ifndef ORBA_HOST_FAILURE_H
 #define ORBA_HOST_FAILURE_H
 
@@ -13,23 +10,21 @@
 
 namespace orba_host {
 
-/** A failure with its number and a text for a person; it stays within one library. */
+// A failure with its number and a text for a person; it stays within one library.
 class Failure : public std::runtime_error {
   public:
     Failure(OrbaHostError number, const std::string& text)
-        : std::runtime_error(text), number_(number) {}
-    OrbaHostError number() const { return number_; }
+        : std::runtime_error(text), error(number) {}
+    OrbaHostError number() const { return error; }
 
   private:
-    OrbaHostError number_;
+    OrbaHostError error;
 };
 
-/**
- * @brief Runs the work of one C function, so that no exception leaves it.
- * @return ORBA_HOST_OK, or the number of the Failure. All that the work throws besides comes from
- *         the standard library or jsoncpp and means that memory is exhausted.
- */
-template <typename Work>
+// Runs the work of one C function, so that no exception leaves it, and returns its error number.
+// What the work throws besides a Failure comes from the standard library or jsoncpp and means that
+// memory is exhausted.
+template <class Work>
 OrbaHostError guarded(Work&& work) noexcept {
     try {
         work();
@@ -41,7 +36,6 @@ OrbaHostError guarded(Work&& work) noexcept {
     }
 }
 
-/** @throws Failure (ORBA_HOST_INVALID_ARGUMENT) unless `valid`. */
 inline void requireArgument(bool valid, const char* text) {
     if (!valid) {
         throw Failure(ORBA_HOST_INVALID_ARGUMENT, text);
@@ -50,4 +44,4 @@ inline void requireArgument(bool valid, const char* text) {
 
 }  // namespace orba_host
 
-#endif  // ORBA_HOST_FAILURE_H
+#endif

@@ -1,7 +1,4 @@
-/**
- * @file
- * @brief Owner of a file descriptor.
- */
+// Owner of a file descriptor.
 #ifndef ORBA_HOST_FILE_DESCRIPTOR_H
 #define ORBA_HOST_FILE_DESCRIPTOR_H
 
@@ -9,25 +6,25 @@
 
 namespace orba_host {
 
-/** Closes the descriptor at the end of its life; a negative one stands for none. */
+// Closes the descriptor at the end of its life; a negative one means none.
 class FileDescriptor {
   public:
-    explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+    explicit FileDescriptor(int opened) : descriptor(opened) {}
     ~FileDescriptor() {
         if (isOpen()) {
-            ::close(descriptor_);
+            ::close(descriptor);
         }
     }
     FileDescriptor(const FileDescriptor&) = delete;
     FileDescriptor& operator=(const FileDescriptor&) = delete;
 
-    bool isOpen() const { return descriptor_ >= 0; }
-    int get() const { return descriptor_; }
+    bool isOpen() const { return descriptor >= 0; }
+    int get() const { return descriptor; }
 
   private:
-    int descriptor_;
+    int descriptor;
 };
 
 }  // namespace orba_host
 
-#endif  // ORBA_HOST_FILE_DESCRIPTOR_H
+#endif

@@ -131,7 +131,7 @@ std::optional<Json::Value> parseJsonObject(const std::string& text) {
 }
 
 Profile::Profile(std::string path, Json::Value document)
-    : path_(std::move(path)), document_(std::move(document)) {}
+    : file(std::move(path)), members(std::move(document)) {}
 
 Profile Profile::read() {
     const std::string path = profilePath();
@@ -143,17 +143,17 @@ Profile Profile::read() {
 }
 
 Failure Profile::failure(OrbaHostError number, const std::string& name, const char* what) const {
-    return profileFailure(number, path_, "the member \"" + name + "\" " + what);
+    return profileFailure(number, file, "the member \"" + name + "\" " + what);
 }
 
 const Json::Value* Profile::find(const std::string& name) const {
     const char* end = name.data() + name.size();
     const std::size_t dot = name.find('.');
     if (dot == std::string::npos) {
-        return document_.find(name.data(), end);
+        return members.find(name.data(), end);
     }
     const char* inner = name.data() + dot;
-    const Json::Value* outer = document_.find(name.data(), inner);
+    const Json::Value* outer = members.find(name.data(), inner);
     if (outer == nullptr || outer->isNull()) {
         return nullptr;
     }

@@ -1,9 +1,5 @@
-/**
- * @file
- * @brief The device profile that the host edition's libraries read.
- *
- * Linked into each library that needs it; none of it is exported.
- */
+// The device profile that the host edition's libraries read. Linked into each library that needs
+// it; none of it is exported.
 #ifndef ORBA_HOST_PROFILE_H
 #define ORBA_HOST_PROFILE_H
 
@@ -17,30 +13,24 @@
 
 namespace orba_host {
 
-/** @return The document, or nothing when the text is no JSON object in UTF-8. */
+// Returns nothing when the text is no JSON object in UTF-8.
 std::optional<Json::Value> parseJsonObject(const std::string& text);
 
-/** One reading of the profile. */
+// One reading of the profile.
 class Profile {
   public:
-    /**
-     * @brief Finds and reads the profile: `ORBA_HOST_PROFILE`, else
-     *        `$XDG_CONFIG_HOME/orba-host/device.json`, else `$HOME/.config/orba-host/device.json`.
-     * @throws Failure One of the ORBA_HOST_PROFILE_ numbers.
-     */
+    // Reads `ORBA_HOST_PROFILE`, else `$XDG_CONFIG_HOME/orba-host/device.json`, else
+    // `$HOME/.config/orba-host/device.json`. Throws a Failure with an ORBA_HOST_PROFILE_ number.
     static Profile read();
 
-    const std::string& path() const { return path_; }
-    const Json::Value& document() const { return document_; }
+    const std::string& path() const { return file; }
+    const Json::Value& document() const { return members; }
 
-    /**
-     * @param name A member's name, or "outer.inner" for a member of a member.
-     * @return The member's text, which is not empty and holds no control character.
-     * @throws Failure ORBA_HOST_MEMBER_MISSING or ORBA_HOST_MEMBER_TYPE.
-     */
+    // Returns the text of a member, or of a member's member ("outer.inner"), which is not empty and
+    // holds no control character. Throws a Failure with an ORBA_HOST_MEMBER_ number.
     std::string text(const std::string& name) const;
 
-    /** @throws Failure As above, or ORBA_HOST_MEMBER_TOO_LONG when text and NUL exceed `size`. */
+    // The same for a text that must fit, with its NUL, into `size` bytes.
     std::string text(const std::string& name, std::size_t size) const;
 
   private:
@@ -48,10 +38,10 @@ class Profile {
     const Json::Value* find(const std::string& name) const;
     Failure failure(OrbaHostError number, const std::string& name, const char* what) const;
 
-    std::string path_;
-    Json::Value document_;
+    std::string file;
+    Json::Value members;
 };
 
 }  // namespace orba_host
 
-#endif  // ORBA_HOST_PROFILE_H
+#endif

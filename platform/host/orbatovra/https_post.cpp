@@ -24,7 +24,7 @@ using CurlHandle = std::unique_ptr<CURL, CurlCleanup>;
 using CurlList = std::unique_ptr<curl_slist, CurlCleanup>;
 using CurlText = std::unique_ptr<char, CurlCleanup>;
 
-/** Collects the reply's body, and remembers why it stopped. */
+// Collects the reply's body, and remembers why it stopped.
 struct Body {
     std::string text;
     OrbaHostError error = ORBA_HOST_OK;
@@ -63,7 +63,7 @@ OrbaHostError errorOf(CURLcode code) {
     }
 }
 
-template <typename Owner>
+template <class Owner>
 Owner allocated(Owner owner) {
     if (!owner) {
         throw std::bad_alloc();
@@ -71,23 +71,23 @@ Owner allocated(Owner owner) {
     return owner;
 }
 
-/** One transfer: every option is set through here, and every failure of libcurl ends here. */
+// One transfer: every option is set through here, and every failure of libcurl ends here.
 class Transfer {
   public:
     explicit Transfer(const std::string& url)
-        : url_(url), curl_(allocated(CurlHandle(curl_easy_init()))) {
-        set(CURLOPT_ERRORBUFFER, detail_.data());
-        set(CURLOPT_URL, url_.c_str());
+        : target(url), handle(allocated(CurlHandle(curl_easy_init()))) {
+        set(CURLOPT_ERRORBUFFER, reason.data());
+        set(CURLOPT_URL, target.c_str());
     }
 
-    template <typename Value>
+    template <class Value>
     void set(CURLoption option, Value value) {
-        check(curl_easy_setopt(curl_.get(), option, value));
+        check(curl_easy_setopt(handle.get(), option, value));
     }
 
     std::string escape(const std::string& text) const {
         const CurlText escaped = allocated(
-            CurlText(curl_easy_escape(curl_.get(), text.data(), static_cast<int>(text.size()))));
+            CurlText(curl_easy_escape(handle.get(), text.data(), static_cast<int>(text.size()))));
         return escaped.get();
     }
 
@@ -95,27 +95,27 @@ class Transfer {
         Body body;
         set(CURLOPT_WRITEFUNCTION, writeBody);
         set(CURLOPT_WRITEDATA, &body);
-        const CURLcode code = curl_easy_perform(curl_.get());
+        const CURLcode code = curl_easy_perform(handle.get());
         if (body.error != ORBA_HOST_OK) {
-            throw Failure(body.error, url_ + ": the reply is too large, for this or for memory");
+            throw Failure(body.error, target + ": the reply is too large, for this or for memory");
         }
         check(code);
         long status = 0;
-        check(curl_easy_getinfo(curl_.get(), CURLINFO_RESPONSE_CODE, &status));
+        check(curl_easy_getinfo(handle.get(), CURLINFO_RESPONSE_CODE, &status));
         return {status, body.text};
     }
 
   private:
     void check(CURLcode code) const {
         if (code != CURLE_OK) {
-            const char* detail = detail_[0] != '\0' ? detail_.data() : curl_easy_strerror(code);
-            throw Failure(errorOf(code), url_ + ": " + detail);
+            const char* detail = reason[0] != '\0' ? reason.data() : curl_easy_strerror(code);
+            throw Failure(errorOf(code), target + ": " + detail);
         }
     }
 
-    std::string url_;
-    std::array<char, CURL_ERROR_SIZE> detail_{};
-    CurlHandle curl_;
+    std::string target;
+    std::array<char, CURL_ERROR_SIZE> reason{};
+    CurlHandle handle;
 };
 
 std::string encodeForm(const Transfer& transfer, const std::map<std::string, std::string>& form) {

@@ -23,7 +23,7 @@ namespace {
 
 thread_local unsigned int lastError = ORBA_HOST_OK;
 
-template <typename Work>
+template <class Work>
 int statusOf(Work&& work) noexcept {
     const OrbaHostError error = guarded(work);
     if (error != ORBA_HOST_OK) {
@@ -46,7 +46,7 @@ std::map<std::string, std::string> formOf(const KLIBCSzHash* table) {
     return form;
 }
 
-/** The caller releases it from C, hence the C allocator. */
+// The caller releases it from C, hence the C allocator.
 char* newBody(const std::string& body) {
     if (body.empty()) {
         return nullptr;

@@ -32,18 +32,18 @@ std::string resolvedPath(const std::string& path) {
     return resolved.get();
 }
 
-/** A new file beside the one that it shall replace; removed unless it came so far. */
+// A new file beside the one that it shall replace; removed unless it came so far.
 class Replacement {
   public:
     Replacement(const std::string& folder, std::string target)
-        : target_(std::move(target)),
-          path_(folder + ".orba-host-XXXXXX"),
-          file_(::mkostemp(path_.data(), O_CLOEXEC)) {
-        requireDone(file_.isOpen(), target_);
+        : replaced(std::move(target)),
+          path(folder + ".orba-host-XXXXXX"),
+          file(::mkostemp(path.data(), O_CLOEXEC)) {
+        requireDone(file.isOpen(), replaced);
     }
     ~Replacement() {
-        if (!renamed_) {
-            ::unlink(path_.c_str());
+        if (!renamed) {
+            ::unlink(path.c_str());
         }
     }
     Replacement(const Replacement&) = delete;
@@ -51,36 +51,35 @@ class Replacement {
 
     void takeOwnerAndMode() const {
         struct stat old {};
-        requireDone(::stat(target_.c_str(), &old) == 0, target_);
+        requireDone(::stat(replaced.c_str(), &old) == 0, replaced);
         struct stat own {};
-        requireDone(::fstat(file_.get(), &own) == 0, target_);
+        requireDone(::fstat(file.get(), &own) == 0, replaced);
         if (own.st_uid != old.st_uid || own.st_gid != old.st_gid) {
-            requireDone(::fchown(file_.get(), old.st_uid, old.st_gid) == 0, target_);
+            requireDone(::fchown(file.get(), old.st_uid, old.st_gid) == 0, replaced);
         }
-        requireDone(::fchmod(file_.get(), old.st_mode & 07777U) == 0, target_);
+        requireDone(::fchmod(file.get(), old.st_mode & 07777U) == 0, replaced);
     }
 
     void write(const std::string& content) const {
         std::size_t done = 0;
         while (done < content.size()) {
-            const ssize_t count =
-                ::write(file_.get(), content.data() + done, content.size() - done);
-            requireDone(count >= 0 || errno == EINTR, target_);
+            const ssize_t count = ::write(file.get(), content.data() + done, content.size() - done);
+            requireDone(count >= 0 || errno == EINTR, replaced);
             done += count > 0 ? static_cast<std::size_t>(count) : 0;
         }
-        requireDone(::fsync(file_.get()) == 0, target_);
+        requireDone(::fsync(file.get()) == 0, replaced);
     }
 
     void rename() {
-        requireDone(::rename(path_.c_str(), target_.c_str()) == 0, target_);
-        renamed_ = true;
+        requireDone(::rename(path.c_str(), replaced.c_str()) == 0, replaced);
+        renamed = true;
     }
 
   private:
-    std::string target_;
-    std::string path_;
-    FileDescriptor file_;
-    bool renamed_ = false;
+    std::string replaced;
+    std::string path;
+    FileDescriptor file;
+    bool renamed = false;
 };
 
 }  // namespace

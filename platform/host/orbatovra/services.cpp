@@ -19,7 +19,7 @@ using orba_host::Profile;
 
 constexpr char kGrantPath[] = "device/api/fleet_lens_grant";
 
-template <typename Work>
+template <class Work>
 std::string orTovraException(const char* what, Work&& work) {
     try {
         return work();
@@ -31,7 +31,7 @@ std::string orTovraException(const char* what, Work&& work) {
 
 std::string accessToken(const Profile& profile) { return profile.text("pkce_access_token"); }
 
-/** The reply's "code" for a person, cut short: it comes from outside. */
+// The reply's "code" for a person, cut short: it comes from outside.
 std::string describeCode(const std::optional<Json::Value>& document) {
     constexpr std::size_t kMaxShown = 100;
     if (!document) {
@@ -63,9 +63,9 @@ std::string grantIn(const HttpsReply& reply, const std::string& url) {
 
 }  // namespace
 
-TovraException::TovraException(std::string text) : text_(std::move(text)) {}
+TovraException::TovraException(std::string text) : message(std::move(text)) {}
 
-const char* TovraException::what() const noexcept { return text_.c_str(); }
+const char* TovraException::what() const noexcept { return message.c_str(); }
 
 AccountPkceService::AccountPkceService() = default;
 

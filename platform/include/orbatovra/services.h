@@ -1,7 +1,5 @@
-/**
- * @file
- * @brief The manufacturer's account-service library: the services of the linked account.
- */
+/// @file services.h
+/// @brief The manufacturer's account-service library: the services of the linked account.
 #ifndef ORBATOVRA_SERVICES_H
 #define ORBATOVRA_SERVICES_H
 
@@ -20,50 +18,46 @@ namespace orbatovra {
 inline constexpr std::size_t kServiceSize = 4096;
 inline constexpr std::size_t kServiceAlignment = 64;
 
-/** What the services throw. */
+/// @brief What the services throw.
 class TovraException : public std::exception {
   public:
-    /** @param text What went wrong, for a log line. */
+    /// @param text What went wrong, for a log line.
     explicit TovraException(std::string text);
 
-    /** @return The text; it lives as long as the exception. */
+    /// @return The text; it lives as long as the exception.
     const char* what() const noexcept override;
 
   private:
-    std::string text_;
+    std::string message;
 };
 
-/** Hands out the PKCE access token of the account that the device is linked to. */
+/// @brief Hands out the PKCE access token of the account that the device is linked to.
 class alignas(kServiceAlignment) AccountPkceService {
   public:
     AccountPkceService();
     ~AccountPkceService();
 
-    /**
-     * @return The access token.
-     * @throws TovraException There is no token, or it cannot be obtained.
-     */
+    /// @return The access token.
+    /// @throws TovraException There is no token, or it cannot be obtained.
     std::string GetAccessToken() const;
 
   private:
     [[maybe_unused]] char reserved[kServiceSize];
 };
 
-/** Asks the account service for grants of the Fleet Lens service. */
+/// @brief Asks the account service for grants of the Fleet Lens service.
 class alignas(kServiceAlignment) AccountFleetLensService {
   public:
     AccountFleetLensService();
     ~AccountFleetLensService();
 
-    /**
-     * @brief Requests the authorization grant for a client, in the name of the linked account.
-     * @param clientId    The client's `client_id`.
-     * @param scope       The `scope` that the client asks for.
-     * @param redirectUri The client's `redirect_uri`.
-     * @param state       The client's `state`.
-     * @return The grant as the account service delivers it.
-     * @throws TovraException The account service refused, or could not be asked.
-     */
+    /// @brief Requests the authorization grant for a client, in the name of the linked account.
+    /// @param clientId The client's `client_id`.
+    /// @param scope The `scope` that the client asks for.
+    /// @param redirectUri The client's `redirect_uri`.
+    /// @param state The client's `state`.
+    /// @return The grant as the account service delivers it.
+    /// @throws TovraException The account service refused, or could not be asked.
     std::string Grant(const std::string& clientId, const std::string& scope,
                       const std::string& redirectUri, const std::string& state) const;
 
@@ -75,4 +69,4 @@ class alignas(kServiceAlignment) AccountFleetLensService {
 
 #pragma GCC visibility pop
 
-#endif  // ORBATOVRA_SERVICES_H
+#endif

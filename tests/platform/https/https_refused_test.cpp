@@ -9,39 +9,35 @@
 #include <cstdlib>
 #include <string>
 
-#include "../support/environment.h"
 #include "../support/host_profile.h"
-#include "client.h"
 #include "https_server.h"
 
 namespace {
 
 class RefusedTest : public ::testing::Test {
   protected:
-    /** Request and grant fail with the same number, and the grant's text names the server. */
+    // Request and grant fail with the same number, and the grant's text names the server.
     void expectRefused(const std::string& server, OrbaHostError expected) {
-        const Outcome request = sendRequest(server, "path", {{"id", "1"}});
-        EXPECT_EQ(request.error, expected);
-        EXPECT_FALSE(request.hasBody);
-        profile_.writeWith("account_service", server);
-        const Outcome grant = requestGrant("state");
-        EXPECT_EQ(grant.error, expected);
+        EXPECT_EQ(expected, sendRequest(server, "path", {{"id", "1"}}).error);
+        profile.writeWith("account_service", server);
+        const Reading grant = requestGrant();
+        EXPECT_EQ(expected, grant.error);
         EXPECT_THAT(grant.text, ::testing::StartsWith("no grant: https://" + server +
                                                       "/device/api/fleet_lens_grant: "));
     }
 
-    EnvironmentVariable noProxy_{"no_proxy", "*"};
-    HostProfile profile_;
+    EnvironmentVariable noProxy{"no_proxy", "*"};
+    HostProfile profile;
 };
 
 TEST_F(RefusedTest, CertificateUnknownToTheSystem) {
-    const std::string certificate = profile_.folder().file("certificate.pem");
-    const std::string key = profile_.folder().file("key.pem");
+    const std::string certificate = profile.folder().file("certificate.pem");
+    const std::string key = profile.folder().file("key.pem");
     const std::string command =
         "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:P-256 -nodes -days 2 "
         "-subj /CN=localhost -addext subjectAltName=DNS:localhost -out " +
         certificate + " -keyout " + key + " 2>&1";
-    ASSERT_EQ(std::system(command.c_str()), 0) << command;
+    ASSERT_EQ(0, std::system(command.c_str())) << command;
     const HttpsServer server({certificate, key});
     expectRefused(server.at("localhost"), ORBA_HOST_REQUEST_CERTIFICATE);
 }
@@ -56,9 +52,9 @@ TEST_F(RefusedTest, PortWhereNobodyListens) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t size = sizeof(address);
-    ASSERT_EQ(::bind(bound, reinterpret_cast<sockaddr*>(&address), size), 0);
-    ASSERT_EQ(::getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size), 0);
+    socklen_t size = sizeof address;
+    ASSERT_EQ(0, ::bind(bound, reinterpret_cast<sockaddr*>(&address), size));
+    ASSERT_EQ(0, ::getsockname(bound, reinterpret_cast<sockaddr*>(&address), &size));
     expectRefused("127.0.0.1:" + std::to_string(ntohs(address.sin_port)),
                   ORBA_HOST_REQUEST_NOT_CONNECTED);
     ::close(bound);

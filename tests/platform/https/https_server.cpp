@@ -36,28 +36,47 @@ std::string readLine(int file) {
 }  // namespace
 
 HttpsServer::HttpsServer(const std::vector<std::string>& arguments) {
-    int input[2];
-    int output[2];
-    if (::pipe2(input, O_CLOEXEC) != 0 || ::pipe2(output, O_CLOEXEC) != 0) {
+    int toServer[2];
+    int fromServer[2];
+    if (::pipe2(toServer, O_CLOEXEC) != 0 || ::pipe2(fromServer, O_CLOEXEC) != 0) {
         throw std::runtime_error("no pipes for the HTTPS server");
     }
-    process_ = ::fork();
-    if (process_ == 0) {
-        runServer(input, output, arguments);
+    process = ::fork();
+    if (process == 0) {
+        runServer(toServer, fromServer, arguments);
     }
-    ::close(input[kReadEnd]);
-    ::close(output[kWriteEnd]);
-    input_ = input[kWriteEnd];
-    port_ = readLine(output[kReadEnd]);
-    ::close(output[kReadEnd]);
-    if (port_.empty()) {
-        ::close(input_);
-        ::waitpid(process_, nullptr, 0);
+    ::close(toServer[kReadEnd]);
+    ::close(fromServer[kWriteEnd]);
+    input = toServer[kWriteEnd];
+    port = readLine(fromServer[kReadEnd]);
+    ::close(fromServer[kReadEnd]);
+    if (port.empty()) {
+        ::close(input);
+        ::waitpid(process, nullptr, 0);
         throw std::runtime_error("the HTTPS server did not start");
     }
 }
 
 HttpsServer::~HttpsServer() {
-    ::close(input_);  // the server ends with its input
-    ::waitpid(process_, nullptr, 0);
+    ::close(input);  // the server ends with its input
+    ::waitpid(process, nullptr, 0);
+}
+
+Reading sendRequest(const std::string& server, const std::string& path,
+                    const std::map<std::string, std::string>& fields) {
+    KLIBCSzHash* table = KLIBCSzHashAlloc(1024);
+    for (const auto& [key, value] : fields) {
+        KLIBCSzHashSetValue(&table, key.c_str(), value.c_str());
+    }
+    TovraHttpsRequestRecord request{};
+    request.server = server.c_str();
+    request.path = path.c_str();
+    request.parameters = table;
+    request.option1 = 1;
+    TovraHttpsResponseRecord response{};
+    const int status = ORBATOVRAHttpsRequestSend(&request, &response);
+    Reading reading = {-status, response.body == nullptr ? "" : response.body};
+    ORBATOVRAHttpsResponseFree(&response);
+    KLIBCSzHashFree(table);
+    return reading;
 }

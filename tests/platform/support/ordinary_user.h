@@ -7,20 +7,15 @@
 
 #include <stdexcept>
 
-inline constexpr uid_t kOrdinaryUser = 65534;
-
-/**
- * Runs the call in a child process, which is not root.
- * @return What the call returned: 0 to 254.
- */
-template <typename Call>
-int asOrdinaryUser(Call&& call) {
+// Returns what the call returned, 0 to 254, in a child process that is not root.
+template <class Call>
+int asOrdinaryUser(const Call& call) {
+    constexpr uid_t kUser = 65534;
     constexpr int kStillRoot = 255;
     const pid_t child = ::fork();
     if (child == 0) {
-        const bool ordinary =
-            ::geteuid() != 0 || (::setresgid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) == 0 &&
-                                 ::setresuid(kOrdinaryUser, kOrdinaryUser, kOrdinaryUser) == 0);
+        const bool ordinary = ::geteuid() != 0 || (::setresgid(kUser, kUser, kUser) == 0 &&
+                                                   ::setresuid(kUser, kUser, kUser) == 0);
         ::_exit(ordinary ? call() : kStillRoot);
     }
     int status = -1;
@@ -31,4 +26,4 @@ int asOrdinaryUser(Call&& call) {
     return WEXITSTATUS(status);
 }
 
-#endif  // ORBA_TESTS_PLATFORM_ORDINARY_USER_H
+#endif
