@@ -3,8 +3,8 @@
 //
 // usage: node fleet.mjs PROGRAM [--update-docs]
 //
-// PROGRAM is orba-bench-fleet. --update-docs puts the table into docs/performance.md, and a picture
-// of its first half into docs/images.
+// PROGRAM is orba-bench-fleet. --update-docs puts the table into docs/session-fleet.md, and a
+// picture of its first half into docs/images.
 import {spawnSync} from 'node:child_process';
 import {mkdirSync, readFileSync, writeFileSync} from 'node:fs';
 import {fileURLToPath} from 'node:url';
@@ -92,11 +92,11 @@ ${runs[0].map(({way}, i) => line([[90 + i * 165, 545], [115 + i * 165, 545]], CO
 console.log(tables);
 if (option === '--update-docs') {
     const docs = fileURLToPath(new URL('../../docs/', import.meta.url));
-    const page = `${docs}performance.md`;
+    const page = `${docs}session-fleet.md`;
     mkdirSync(`${docs}images`, {recursive: true});
     writeFileSync(`${docs}images/fleet.svg`, svg());
     const before = readFileSync(page, 'utf8');
     const place = /(<!-- measured: fleet -->\n)[^]*?(<!-- end -->)/;
-    if (!place.test(before)) throw new Error('docs/performance.md has no place for fleet');
+    if (!place.test(before)) throw new Error('docs/session-fleet.md has no place for fleet');
     writeFileSync(page, before.replace(place, (_, begin, end) => `${begin}${tables}\n${end}`));
 }

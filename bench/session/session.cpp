@@ -205,7 +205,7 @@ int main(int argc, char** argv) try {
     } else if (argc == 3 && arguments[0] == "sign-in") {
         std::cout << measureSignIn(std::stoi(arguments[1])) << std::endl;
     } else {
-        throw std::runtime_error("wrong arguments: its usage is in bench/session.cpp");
+        throw std::runtime_error("wrong arguments: its usage is in bench/session/session.cpp");
     }
     return EXIT_SUCCESS;
 } catch (const std::exception& exception) {
