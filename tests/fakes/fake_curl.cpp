@@ -24,6 +24,7 @@ struct Handle {
     fakes::Request request;
     curl_write_callback write = nullptr;
     void* writeData = nullptr;
+    char* errorBuffer = nullptr;
     long status = 0;
     std::optional<std::string> redirectUrl;
 };
@@ -86,6 +87,9 @@ std::string takeValue(Handle& handle, CURLoption option, va_list arguments) {
         case CURLOPT_WRITEDATA:
             handle.writeData = va_arg(arguments, void*);
             return "data";
+        case CURLOPT_ERRORBUFFER:
+            handle.errorBuffer = va_arg(arguments, char*);
+            return "buffer";
         case CURLOPT_HTTPHEADER:
             handle.request.headers = linesOf(va_arg(arguments, curl_slist*));
             return joined(handle.request.headers);
@@ -180,6 +184,9 @@ CURLcode curl_easy_perform(CURL* curl) {
         if (taken != piece.size()) {
             return CURLE_WRITE_ERROR;
         }
+    }
+    if (!transfer.error.empty()) {
+        transfer.error.copy(handle.errorBuffer, CURL_ERROR_SIZE - 1);
     }
     handle.status = transfer.status;
     handle.redirectUrl = transfer.redirectUrl;

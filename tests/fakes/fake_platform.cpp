@@ -186,8 +186,8 @@ int ORBAUDCPseudonymise(char** pseudonym, const char* serial, std::size_t length
 
 namespace orbatovra {
 
-TovraException::TovraException(std::string text) : text_(std::move(text)) {}
-const char* TovraException::what() const noexcept { return text_.c_str(); }
+TovraException::TovraException(std::string text) : message(std::move(text)) {}
+const char* TovraException::what() const noexcept { return message.c_str(); }
 
 namespace {
 

@@ -10,7 +10,7 @@
 namespace fakes {
 
 World& world() {
-    static World theWorld;
+    static World& theWorld = *new World;  // the process ends in calls to the stand-ins, too
     return theWorld;
 }
 
@@ -114,7 +114,8 @@ void syslog(int priority, const char* format, ...) {
     va_end(arguments);
 }
 
-void __syslog_chk(int priority, int /*flag*/, const char* format, ...) {
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int /*flag*/, const char* format,
+                                                ...) {
     va_list arguments;
     va_start(arguments, format);
     vsyslog(priority, format, arguments);

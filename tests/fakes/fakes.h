@@ -36,6 +36,7 @@ struct Transfer {
     std::vector<std::string> pieces = {};
     std::optional<std::string> redirectUrl = {};
     std::size_t itemSize = 1;  // passed to the write callback; pieces are multiples of it
+    std::string error = {};    // for CURLOPT_ERRORBUFFER
 };
 
 // What the handle held when a transfer was made.

@@ -1,23 +1,35 @@
-#include "http_exchange.h"
-
+// A server's bytes into HttpClient, by one of its operations (ORBA_FUZZED): the real libcurl
+// against a server without a network: each connection is a socket pair into which its reply has
+// been written before libcurl sends anything. Input: the replies, separated by lines "--- next
+// connection ---"; the last one is repeated.
 #include <curl/curl.h>
 #include <strings.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <functional>
 #include <memory>
 #include <vector>
 
 #include "fakes.h"
+#include "fuzz.h"
+#include "orbaoauth2client/httpclient.h"
 
 namespace {
 
-using fuzz::Method;
+using Client = ORBA::OAuth2Client::HttpClient::HttpClient;
+using Request = std::function<void(Client&)>;
 using fuzz::Outcome;
 using fuzz::require;
 using fuzz::requireEqual;
 
+enum class Fuzzed { HTTP_GET, HTTP_GET_JSON, HTTP_POST };
+enum class Method { kGet, kGetFollowing, kPost };
+
+constexpr char kUrl[] = "http://device.test/a/b?c=d";
+constexpr char kForm[] = "grant_type=refresh_token&refresh_token=r1";
+constexpr std::size_t kMaxReplies = 64 * 1024;  // more would not fit into a socket's buffer
 constexpr int kAttempts = 3;
 constexpr char kNextConnection[] = "--- next connection ---\n";
 constexpr char kProperReply[] = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\n{\"k\": 15}";
@@ -120,7 +132,7 @@ struct Answer {
     std::unique_ptr<CURL, Cleanup> curl{curl_easy_init()};
 
     explicit Answer(Method method) {
-        curl_easy_setopt(curl.get(), CURLOPT_URL, fuzz::kUrl);
+        curl_easy_setopt(curl.get(), CURLOPT_URL, kUrl);
         curl_easy_setopt(curl.get(), CURLOPT_COOKIEFILE, "");
         curl_easy_setopt(curl.get(), CURLOPT_WRITEFUNCTION, collect);
         curl_easy_setopt(curl.get(), CURLOPT_WRITEDATA, &body);
@@ -129,7 +141,7 @@ struct Answer {
         }
         if (method == Method::kPost) {
             curl_easy_setopt(curl.get(), CURLOPT_CUSTOMREQUEST, "POST");
-            curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, fuzz::kForm);
+            curl_easy_setopt(curl.get(), CURLOPT_POSTFIELDS, kForm);
         }
         perform();
     }
@@ -164,8 +176,7 @@ Expected expectedOf(const Answer& answer, bool parsed) {
         expected.outcome = fuzz::transferFailure(answer.result);
     } else {
         expected.status = answer.status;
-        expected.outcome =
-            fuzz::statusFailure(fuzz::kUrl, answer.status, answer.redirect != nullptr);
+        expected.outcome = fuzz::statusFailure(kUrl, answer.status, answer.redirect != nullptr);
         if (expected.outcome.code == 0 && answer.status >= 300) {
             expected.redirectUrl = answer.redirect;
         }
@@ -177,17 +188,45 @@ Expected expectedOf(const Answer& answer, bool parsed) {
         }
     }
     if (expected.outcome.code != 0) {
-        expected.outcome.text = std::string("Failed to do HTTP Get request to [") + fuzz::kUrl +
+        expected.outcome.text = std::string("Failed to do HTTP Get request to [") + kUrl +
                                 "] due to: " + expected.outcome.text;
     }
     return expected;
 }
 
-Outcome requestOutcome(const fuzz::Request& request, fuzz::Client& client) {
+Outcome requestOutcome(const Request& request, Client& client) {
     const Outcome outcome =
         fuzz::outcomeOf<ORBA::OAuth2Client::HttpClientException>([&] { request(client); });
     fuzz::requireNothingHeld();
     return outcome;
+}
+
+// Has the library make a request that is answered with the replies and requires that it does what
+// libcurl, asked directly, says about the same replies; that the same object then gets a proper
+// reply; and that nothing is left. `json` is where the request puts the reply, null for none.
+void checkRequest(const std::string& replies, Method method, const Request& request,
+                  const Json::Value* json) {
+    fakes::reset();
+    server.serve(replies);
+    const Expected expected = expectedOf(Answer(method), json != nullptr);
+
+    server.startAgain();
+    Client client(kUrl, "/dev/null");  // no cookie is kept from one input to the next
+    requireEqual(expected.outcome, requestOutcome(request, client), "how the request ends");
+    requireEqual(expected.status, client.getRespCode(), "the status");
+    requireEqual(expected.redirectUrl, client.getRedirectURL(), "the redirect URL");
+    if (json != nullptr && expected.outcome.code == 0) {
+        fuzz::requireEqualJson(expected.json, *json, "the parsed reply");
+    }
+
+    server.serve(kProperReply);
+    requireEqual(Outcome{}, requestOutcome(request, client), "the object's next request");
+    requireEqual(200L, client.getRespCode(), "the next status");
+    requireEqual(std::string(), client.getRedirectURL(), "the next redirect URL");
+    if (json != nullptr) {
+        requireEqual(Json::Value(15), (*json)["k"], "the next reply");
+    }
+    server.startAgain();
 }
 
 }  // namespace
@@ -214,31 +253,28 @@ extern "C" CURL* __wrap_curl_easy_init(void) {
     return curl;
 }
 
-namespace fuzz {
-
-void checkRequest(const std::string& replies, Method method, const Request& request,
-                  const Json::Value* json) {
-    fakes::reset();
-    server.serve(replies);
-    const Expected expected = expectedOf(Answer(method), json != nullptr);
-
-    server.startAgain();
-    Client client(kUrl, "/dev/null");  // no cookie is kept from one input to the next
-    requireEqual(expected.outcome, requestOutcome(request, client), "how the request ends");
-    requireEqual(expected.status, client.getRespCode(), "the status");
-    requireEqual(expected.redirectUrl, client.getRedirectURL(), "the redirect URL");
-    if (json != nullptr && expected.outcome.code == 0) {
-        requireEqualJson(expected.json, *json, "the parsed reply");
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    if (size > kMaxReplies) {
+        return 0;
     }
-
-    server.serve(kProperReply);
-    requireEqual(Outcome{}, requestOutcome(request, client), "the object's next request");
-    requireEqual(200L, client.getRespCode(), "the next status");
-    requireEqual(std::string(), client.getRedirectURL(), "the next redirect URL");
-    if (json != nullptr) {
-        requireEqual(Json::Value(15), (*json)["k"], "the next reply");
+    const std::string replies = fuzz::textOf(data, size);
+    Json::Value reply;
+    switch (Fuzzed::ORBA_FUZZED) {
+        case Fuzzed::HTTP_GET:
+            checkRequest(
+                replies, Method::kGet, [](Client& client) { client.get(false); }, nullptr);
+            checkRequest(
+                replies, Method::kGetFollowing, [](Client& client) { client.get(true); }, nullptr);
+            break;
+        case Fuzzed::HTTP_GET_JSON:
+            checkRequest(
+                replies, Method::kGet, [&](Client& client) { client.get(reply); }, &reply);
+            break;
+        case Fuzzed::HTTP_POST:
+            checkRequest(
+                replies, Method::kPost,
+                [&](Client& client) { client.postURLEncodedString(kForm, reply); }, &reply);
+            break;
     }
-    server.startAgain();
+    return 0;
 }
-
-}  // namespace fuzz

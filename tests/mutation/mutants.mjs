@@ -104,7 +104,7 @@ export class Source {
                 i = semicolon + 1;
             } else if (this.is(end, "{")) {
                 const close = this.tokens[end].close;
-                if (/\b(?:namespace|class|struct|extern)\b[^()]*$/.test(head) && !/struct \w+ \w+ $/.test(head)) {
+                if (/\b(?:namespace|class|struct|extern)\b(?: __attribute__\(.*\))?[^()]*$/.test(head) && !/struct \w+ \w+ $/.test(head)) {
                     this.declarations(end + 1, close);
                 } else if (/\)/.test(head)) {
                     this.constructorList(i, end);

@@ -1,12 +1,13 @@
 #!/usr/bin/env node
 // Changes the sources in many small ways, one at a time, and looks whether the unit tests notice.
 //
-// usage: tests/mutation/run.mjs [--jobs N] [PATTERN]
+// usage: tests/mutation/run.mjs [--jobs N] [--folder FOLDER] [PATTERN...]
 //
 // All mutants are compiled into one build, build/mutation, and switched by an environment variable.
-// Each is tried with the tests that reach it, the quick ones first. PATTERN is a part of the names of
-// the mutants to try: "file: change: old => new". Ends with status 1 when a mutant survives that equivalent.txt does
-// not list, and when an entry of that list fits no mutant that survives.
+// Each is tried with the tests that reach it, the quick ones first. FOLDER is one of those below.
+// PATTERN is a part of the names of the mutants to try: "file: change: old => new". Ends with status 1
+// when a mutant survives that equivalent.txt does not list, and when an entry of that list fits no
+// mutant that survives.
 import {execFile} from "node:child_process";
 import fs from "node:fs";
 import path from "node:path";
@@ -21,18 +22,25 @@ const build = path.join(root, "build/mutation");
 const folder = path.join(build, "mutants");
 const scratch = path.join(build, "scratch");
 const launcher = [path.join(here, "launcher"), root, folder];
-const FOLDERS = ["src"];
-const PROGRAMS = ["tests/unit/unit_tests"];
+// Each folder of sources with the programs that test it.
+const PROGRAMS = {
+    "src": ["tests/unit/unit_tests"],
+    "platform/host": ["tests/platform/platform_test", "tests/platform/platform_faults_test"],
+};
 const QUICK_SECONDS = 0.1;
 // What ends a mutant that loops. A test may start processes, which inherit the limits.
-const LIMITS = ["--cpu=10", `--as=${1 << 30}`];
-const LEAST_SECONDS = 60;
+const LIMITS = ["--cpu=10:20", `--as=${1 << 30}`];
+const LEAST_SECONDS = 20;
 const MAX_MUTANTS = 1 << 16;
 
 function run(command, args, options = {}) {
-    return new Promise((resolve) => {
-        execFile(command, args, {maxBuffer: 1 << 28, killSignal: "SIGKILL", ...options}, (error, stdout, stderr) =>
-            resolve({ok: !error, timedOut: Boolean(error?.killed) || error?.signal === "SIGXCPU", output: stdout + stderr}));
+    return new Promise((resolve, reject) => {
+        execFile(command, args, {maxBuffer: 1 << 28, killSignal: "SIGKILL", ...options}, (error, stdout, stderr) => {
+            if (error?.signal === "SIGKILL" && !error.killed) {  // that says nothing about a mutant
+                reject(new Error(`somebody killed ${command} ${args.join(" ")}`));
+            }
+            resolve({ok: !error, timedOut: Boolean(error?.killed) || error?.signal === "SIGXCPU", output: stdout + stderr});
+        });
     });
 }
 
@@ -53,9 +61,9 @@ async function inParallel(jobs, items, work) {
     }));
 }
 
-function readSources() {
+function readSources(folders) {
     let number = 1;
-    return FOLDERS.flatMap((name) => fs.readdirSync(path.join(root, name), {recursive: true})
+    return folders.flatMap((name) => fs.readdirSync(path.join(root, name), {recursive: true})
             .filter((file) => /\.(?:h|cpp)$/.test(file)).sort().map((file) => path.join(name, file)))
         .map((file) => {
             const source = new Source(file, fs.readFileSync(path.join(root, file), "utf8"), number);
@@ -79,7 +87,7 @@ function writeMutants(sources, dropped) {
 async function compilable(jobs, sources) {
     const dropped = new Set();
     const commands = JSON.parse(fs.readFileSync(path.join(build, "compile_commands.json"), "utf8"))
-        .filter(({file}) => FOLDERS.some((name) => file.startsWith(path.join(root, name) + "/")));
+        .filter(({file}) => sources.some((source) => file === path.join(root, source.file)));
     for (let pending = commands; pending.length > 0;) {
         writeMutants(sources, dropped);
         const before = dropped.size;
@@ -114,9 +122,9 @@ function start(program, tests, environment, timeout) {
 }
 
 // Every test suite with its time and the mutants that it reaches.
-async function traceTests(jobs) {
+async function traceTests(jobs, programs) {
     const tests = [];
-    for (const program of PROGRAMS) {
+    for (const program of programs) {
         const list = await require(path.join(build, program), ["--gtest_list_tests"]);
         for (const [suite] of list.matchAll(/^\S+\.(?=\s)/gm)) {
             tests.push({program, name: `${suite}*`});
@@ -138,10 +146,10 @@ async function traceTests(jobs) {
 }
 
 // Returns "survived", "noticed" or "timed out".
-async function tryMutant(number, tests) {
+async function tryMutant(number, tests, programs) {
     const reaching = tests.filter((test) => test.reached[number]);
     for (const quick of [true, false]) {
-        for (const program of PROGRAMS) {
+        for (const program of programs) {
             const batch = reaching.filter((t) => t.program === program && (t.seconds < QUICK_SECONDS) === quick);
             if (batch.length > 0) {
                 const seconds = batch.reduce((sum, test) => sum + test.seconds, 0);
@@ -165,28 +173,33 @@ function readEquivalents() {
 }
 
 async function main() {
-    const {values, positionals} = parseArgs({allowPositionals: true, options: {jobs: {type: "string", default: "2"}}});
+    const {values, positionals} = parseArgs({allowPositionals: true, options: {
+        jobs: {type: "string", default: "2"}, folder: {type: "string", multiple: true, default: Object.keys(PROGRAMS)},
+    }});
+    const programs = values.folder.flatMap((name) => PROGRAMS[name]);
     const jobs = Number(values.jobs);
     fs.rmSync(scratch, {recursive: true, force: true});
     fs.mkdirSync(scratch, {recursive: true});
-    const sources = readSources();
+    Object.keys(PROGRAMS).filter((name) => !values.folder.includes(name))
+        .forEach((name) => fs.rmSync(path.join(folder, name), {recursive: true, force: true}));
+    const sources = readSources(values.folder);
     const say = (text) => console.log(`${Math.round(performance.now() / 1000)} s: ${text}`);
     writeMutants(sources, new Set());
     await require("cmake", ["-S", root, "-B", build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
         "-DCMAKE_CXX_FLAGS_DEBUG=-O0", `-DCMAKE_CXX_COMPILER_LAUNCHER=${launcher.join(";")}`]);
     const dropped = await compilable(jobs, sources);
     say(`leaves out ${dropped.size} that do not compile`);
-    await require("ninja", ["-C", build, `-j${jobs}`, ...PROGRAMS]);
+    await require("ninja", ["-C", build, `-j${jobs}`, ...programs]);
     say("built");
-    const tests = await traceTests(jobs);
+    const tests = await traceTests(jobs, programs);
     say(`${tests.length} test suites`);
-    const equivalents = readEquivalents();
+    const equivalents = readEquivalents().filter(({line}) => values.folder.some((name) => line.startsWith(`${name}/`)));
     const found = sources.flatMap((source) => source.places).flatMap((place) => place.mutants).filter((m) => m.change);
     const wanted = found.filter((m) => !dropped.has(m.number) &&
         (positionals.length === 0 || positionals.some((p) => `${m.name} (line ${m.line})`.includes(p))));
     const counts = {"noticed": 0, "timed out": 0, "equivalent": 0, "survived": 0};
     await inParallel(jobs, wanted, async (mutant) => {
-        let outcome = await tryMutant(mutant.number, tests);
+        let outcome = await tryMutant(mutant.number, tests, programs);
         const entry = equivalents.find(({pattern}) => pattern.test(mutant.name));
         if (outcome === "survived" && entry) {
             outcome = "equivalent";

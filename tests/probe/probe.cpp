@@ -8,7 +8,6 @@
 
 #include <cxxabi.h>
 #include <json/json.h>
-#include <signal.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -119,9 +118,6 @@ const std::map<std::string, Operation> kOperations = {
     {"login", [](const Json::Value& r) { return oauth2Of(r).loginServiceByOrbaAccount(); }},
     {"exchange", exchange},
     {"refresh", refresh},
-    {"param", [](const Json::Value& r) { return getParamFromURL(text(r, "url"), text(r, "key")); }},
-    {"decode", [](const Json::Value& r) { return decodeString(text(r, "text")); }},
-    {"query", [](const Json::Value& r) { return HttpClient::getEncodeQuery(texts(r["params"])); }},
     {"fingerprint", [](const Json::Value&) { return getDeviceFingerprint(); }},
 };
 
@@ -156,17 +152,9 @@ void run(const Json::Value& request, Json::Value& answer) {
     }
 }
 
-// A signal that is ignored interrupts nothing; with this one, tests interrupt the library.
-void catchUserSignal() {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);
-}
-
 }  // namespace
 
 int main() {
-    catchUserSignal();
     Json::StreamWriterBuilder writer;
     writer["indentation"] = "";
     writer["commentStyle"] = "None";

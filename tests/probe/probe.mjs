@@ -10,7 +10,8 @@ import {spawn} from 'node:child_process';
 import {once} from 'node:events';
 import {createInterface} from 'node:readline';
 
-export function startProbe(env = {}, program = process.env.ORBA_PROBE) {
+export function startProbe(env = {}) {
+    const program = process.env.ORBA_PROBE;
     if (!program) throw new Error('ORBA_PROBE does not name the probe program');
     const child = spawn(program, {
         env: {...process.env, ...env},
@@ -39,7 +40,7 @@ export function startProbe(env = {}, program = process.env.ORBA_PROBE) {
     }
 
     // `then` is left out, so that a probe may be the result of an asynchronous function.
-    return new Proxy({end, pid: child.pid, then: undefined}, {
+    return new Proxy({end, then: undefined}, {
         get: (own, op) => (op in own ? own[op] : (request) => call(op, request)),
     });
 }

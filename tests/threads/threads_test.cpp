@@ -1,18 +1,15 @@
 // Many threads at once, an object each. Nothing but the objects' own state may come into play.
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "loopback_server.h"
 #include "orbaoauth2client/errors.h"
 #include "orbaoauth2client/httpclient.h"
 #include "orbaoauth2client/utils.h"
@@ -87,21 +84,15 @@ TEST(Threads, UrlParameters_FirstUse) {
     });
 }
 
+std::string environment(const char* name) {
+    const char* const value = std::getenv(name);
+    return value == nullptr ? throw std::runtime_error("run this by with_server.mjs") : value;
+}
+
 class ThreadsWithServer : public ::testing::Test {
   protected:
-    void SetUp() override {
-        std::filesystem::create_directory(folder);
-        Json::Value profile;
-        profile["serial_number"] = "ORBA-0123456789";
-        profile["user_agent"] = "OrbaNAS/7.2 (threads)";
-        std::ofstream(folder + "/device.json") << profile;
-        setenv("ORBA_HOST_PROFILE", (folder + "/device.json").c_str(), 1);
-        setenv("no_proxy", "127.0.0.1", 1);
-    }
-    void TearDown() override { std::filesystem::remove_all(folder); }
-
-    const std::string folder = ::testing::TempDir() + "orba-threads-" + std::to_string(getpid());
-    LoopbackServer server;
+    const std::string server = environment("ORBA_TEST_SERVER");
+    const std::string folder = environment("ORBA_TEST_FOLDER");
 };
 
 // Whether the reply describes this thread's request, with the cookie of its request before.
@@ -114,20 +105,20 @@ std::string tellsOf(const Json::Value& reply, const std::string& line, const std
 TEST_F(ThreadsWithServer, Requests_WithAnObjectAndACookieFileEach) {
     runInThreads([this](std::size_t number) {
         const std::string path = "/" + std::to_string(number) + "/";
-        HttpClient::HttpClient client(server.url(), folder + "/jar" + std::to_string(number));
+        HttpClient::HttpClient client(server, folder + "/jar" + std::to_string(number));
         std::string wrong;
         for (int round = 0; round < 10 && wrong.empty(); ++round) {
             const std::string get = path + "get/" + std::to_string(round);
             const std::string post = path + "post/" + std::to_string(round);
             Json::Value reply;
-            client.setURL(server.url() + path + "only");
+            client.setURL(server + path + "only");
             client.get(round % 2 == 0);
-            client.setURL(server.url() + get);
+            client.setURL(server + get);
             client.get(reply);
-            wrong = tellsOf(reply, "GET " + get + " HTTP/1.1", "seen=" + path + "only", "");
-            client.setURL(server.url() + post);
+            wrong = tellsOf(reply, "GET " + get, "seen=" + path + "only", "");
+            client.setURL(server + post);
             client.postURLEncodedString("n=" + path, reply);
-            wrong += tellsOf(reply, "POST " + post + " HTTP/1.1", "seen=" + get, "n=" + path);
+            wrong += tellsOf(reply, "POST " + post, "seen=" + get, "n=" + path);
             wrong += client.getRespCode() == 200 ? "" : "not 200";
         }
         return wrong;
@@ -136,7 +127,7 @@ TEST_F(ThreadsWithServer, Requests_WithAnObjectAndACookieFileEach) {
 
 TEST_F(ThreadsWithServer, FailedRequests_AreEachThreadsOwn) {
     runInThreads([this](std::size_t number) {
-        HttpClient::HttpClient client(number % 2 == 0 ? "" : server.url(), folder + "/none/jar");
+        HttpClient::HttpClient client(number % 2 == 0 ? "" : server, folder + "/none/jar");
         try {
             client.get(false);
             return std::string("nothing was thrown");

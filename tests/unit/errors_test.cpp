@@ -2,14 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
-#include <vector>
 
 namespace {
 
@@ -65,56 +61,6 @@ TEST(ErrCode2Str, UnknownCodes_GiveAnEmptyTextEachTime) {
     }
 }
 
-// Meant for the thread sanitizer, too.
-TEST(ErrCode2Str, ManyThreads_AnyCode) {
-    std::vector<std::thread> threads;
-    std::vector<int> wrong(8, 0);
-    for (std::size_t i = 0; i < wrong.size(); ++i) {
-        threads.emplace_back([&wrong, i] {
-            for (int code = -500; code < 500; ++code) {
-                const auto known = kMessages.find(code);
-                wrong[i] += errCode2Str(code) != (known == kMessages.end() ? "" : known->second);
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    EXPECT_EQ(std::vector<int>(8, 0), wrong);
-}
-
-// The table that callers read in the header is the table that the library has.
-TEST(ErrCode2Str, HeaderDocumentsTheSameMessages) {
-    std::ifstream header(ORBA_ERRORS_HEADER);
-    ASSERT_TRUE(header) << ORBA_ERRORS_HEADER;
-    std::map<int, std::string> documented;
-    std::string line;
-    while (std::getline(header, line)) {
-        int code = 0;
-        int messageAt = 0;
-        const int read = std::sscanf(line.c_str(), "/// | %d | %n", &code, &messageAt);
-        if (read == 1 && messageAt > 0) {
-            const auto begin = static_cast<std::size_t>(messageAt);
-            documented[code] = line.substr(begin, line.rfind(" |") - begin);
-        }
-    }
-    EXPECT_EQ(kMessages, documented);
-}
-
-TEST(Exceptions, CurlException_CaughtAsItsBases) {
-    try {
-        throw CurlException(25, "Failed to config Curl.");
-    } catch (const OAuth2ClientException& exception) {
-        EXPECT_EQ(25, exception.errCode());
-        EXPECT_STREQ("Failed to config Curl.", exception.what());
-    }
-    try {
-        throw CurlException(25, "Failed to config Curl.");
-    } catch (const std::exception& exception) {
-        EXPECT_STREQ("Failed to config Curl.", exception.what());
-    }
-}
-
 template <class Exception>
 class EachException : public ::testing::Test {};
 using AllExceptions = ::testing::Types<OAuth2ClientException, HttpClientException, JsonException,
@@ -127,11 +73,6 @@ TYPED_TEST(EachException, CarriesCodeAndTextAndIsCopied) {
     EXPECT_EQ(-7, copy->errCode());
     EXPECT_STREQ("a text of more than fifteen bytes", copy->what());
     EXPECT_NE(static_cast<const void*>(original.what()), copy->what());
-}
-
-TYPED_TEST(EachException, HasTheLayoutOfTheBase) {
-    EXPECT_EQ(sizeof(OAuth2ClientException), sizeof(TypeParam));
-    EXPECT_EQ(48U, sizeof(TypeParam));
 }
 
 TYPED_TEST(EachException, NullText_IsTheStringClassesLogicError) {

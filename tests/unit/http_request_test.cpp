@@ -67,13 +67,6 @@ class EachRequest : public FakesTest, public ::testing::WithParamInterface<Kind>
 INSTANTIATE_TEST_SUITE_P(Requests, EachRequest, ::testing::Values(kGetJson, kGetOnly, kPost),
                          [](const auto& test) { return test.param.name; });
 
-TEST_P(EachRequest, Success_ReleasesTheHandleAndLogsNoFailure) {
-    run();
-    EXPECT_EQ(200, client.getRespCode());
-    EXPECT_EQ(1U, world().requests.size());
-    EXPECT_THAT(fakes::callsOf({"curl_easy_cleanup"}), ElementsAre(kCleanUp));
-}
-
 TEST_P(EachRequest, EmptyUrl_IsCode12WithoutAnyHandle) {
     client.setURL("");
     expectThrows<HttpClientException>([&] { run(); }, 12,
@@ -118,14 +111,6 @@ TEST_P(EachRequest, FailuresOfEveryLayer_KeepTheirCodes) {
                                       kFrame + "Failed to get Orbalon usergent");
     world().failAt["curl_easy_init"] = world().counts["curl_easy_init"] + 1;
     expectThrows<HttpClientException>([&] { run(); }, 23, kFrame + "Failed to init curl.");
-}
-
-TEST_P(EachRequest, WriteFunctionRefused_IsCode25) {
-    world().optionFails[CURLOPT_WRITEFUNCTION] = CURLE_UNKNOWN_OPTION;
-    const std::string inner = "Failed to set curl CURLOPT_WRITEFUNCTION: curl return: 48";
-    expectThrows<HttpClientException>([&] { run(); }, 25, kFrame + inner);
-    EXPECT_THAT(fakes::callsOf({"syslog(7 Failed"}),
-                ElementsAre("syslog(7 " + inner + ")", "syslog(7 " + kFrame + inner + ")"));
 }
 
 TEST_P(EachRequest, ForeignException_IsCode1AndLoggedBeforeTheRelease) {
@@ -256,12 +241,6 @@ TEST_P(EachJsonRequest, Reply_IsParsedWithItsComments) {
     EXPECT_EQ("// a comment", out.getComment(Json::commentBefore));
 }
 
-TEST_P(EachJsonRequest, EmptyObject_IsAReply) {
-    answer(200, "{}");
-    run();
-    EXPECT_EQ(Json::Value(Json::objectValue), out);
-}
-
 TEST_P(EachJsonRequest, ReplyThatIsNotJson_IsCode2) {
     answer(200, "<html>");
     expectThrows<HttpClientException>([&] { run(); }, 2, kFrame + kNotJson);
@@ -342,13 +321,6 @@ TEST_P(HttpRequest, GetWithFollowing_MakesTheseCallsInThisOrder) {
               world().calls);
 }
 
-TEST_P(HttpRequest, FollowingRefused_IsCode25) {
-    world().optionFails[CURLOPT_FOLLOWLOCATION] = CURLE_UNKNOWN_OPTION;
-    const std::string inner = "Failed to set curl CURLOPT_FOLLOWLOCATION: curl return: 48";
-    expectThrows<HttpClientException>([&] { client.get(true); }, 25, kFrame + inner);
-    client.get(false);
-}
-
 TEST_P(HttpRequest, GetOnly_TakesEveryByteAndKeepsNone) {
     for (const std::size_t itemSize : {1U, 4U}) {
         world().transfers = {{CURLE_OK, 200, "", {"1234", std::string(100000, 'x')}, {}, itemSize}};
@@ -356,24 +328,6 @@ TEST_P(HttpRequest, GetOnly_TakesEveryByteAndKeepsNone) {
     }
     EXPECT_EQ(2U, world().requests.size());
     EXPECT_EQ(0, world().counts["realloc"]);
-}
-
-TEST_P(HttpRequest, GetWithFollowing_TellsOfTheFinalResponse) {
-    answer(302, "{}", "https://auth.test/next");
-    client.get(false);
-    answer(204, "");
-    client.get(true);
-    EXPECT_EQ(204, client.getRespCode());
-    EXPECT_EQ("", client.getRedirectURL());
-}
-
-TEST_P(HttpRequest, Post_RefusedWith400_IsCode14) {
-    answer(400, R"({"error":"invalid_grant"})");
-    expectThrows<HttpClientException>(
-        [&] { client.postURLEncodedString("a=1", out); }, 14,
-        kFrame + "URL [https://auth.test/x] replied http status code  400: curl return: 0");
-    EXPECT_EQ(400, client.getRespCode());
-    EXPECT_TRUE(out.isNull());
 }
 
 TEST_P(HttpRequest, Post_MakesTheseCallsInThisOrder) {
@@ -396,25 +350,36 @@ TEST_P(HttpRequest, PostHeaders_StayWithTheObject) {
                 ElementsAre("Content-Type: application/x-www-form-urlencoded", "charset: utf-8"));
 }
 
-class EachPostOption : public FakesTest, public ::testing::WithParamInterface<CURLoption> {};
+struct OwnOption {
+    CURLoption option;
+    std::string name;
+    void (*run)(HttpClient::HttpClient& client, Json::Value& out);
+};
 
-TEST_P(EachPostOption, Refused_IsCode25) {
+void PrintTo(const OwnOption& own, std::ostream* out) { *out << own.name; }
+
+class EachOwnOption : public FakesTest, public ::testing::WithParamInterface<OwnOption> {};
+
+TEST_P(EachOwnOption, Refused_IsCode25) {
     HttpClient::HttpClient client(kUrl, "/jar");
     Json::Value out;
-    world().optionFails[GetParam()] = CURLE_UNKNOWN_OPTION;
-    const std::string inner =
-        "Failed to set curl " +
-        std::string(GetParam() == CURLOPT_POSTFIELDS ? "CURLOPT_POSTFIELDS"
-                                                     : "CURLOPT_CUSTOMREQUEST") +
-        ": curl return: 48";
-    expectThrows<HttpClientException>([&] { client.postURLEncodedString("a=1", out); }, 25,
-                                      kFrame + inner);
+    world().optionFails[GetParam().option] = CURLE_UNKNOWN_OPTION;
+    const std::string inner = "Failed to set curl " + GetParam().name + ": curl return: 48";
+    expectThrows<HttpClientException>([&] { GetParam().run(client, out); }, 25, kFrame + inner);
     EXPECT_THAT(fakes::callsOf({"syslog(7 Failed"}),
                 ElementsAre("syslog(7 " + inner + ")", "syslog(7 " + kFrame + inner + ")"));
     EXPECT_THAT(world().requests, IsEmpty());
 }
 
-INSTANTIATE_TEST_SUITE_P(Options, EachPostOption,
-                         ::testing::Values(CURLOPT_CUSTOMREQUEST, CURLOPT_POSTFIELDS));
+INSTANTIATE_TEST_SUITE_P(
+    Options, EachOwnOption,
+    ::testing::Values(OwnOption{CURLOPT_CUSTOMREQUEST, "CURLOPT_CUSTOMREQUEST", kPost.run},
+                      OwnOption{CURLOPT_POSTFIELDS, "CURLOPT_POSTFIELDS", kPost.run},
+                      OwnOption{CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION", kGetOnly.run},
+                      OwnOption{CURLOPT_WRITEFUNCTION, "CURLOPT_WRITEFUNCTION", kGetJson.run},
+                      OwnOption{CURLOPT_FOLLOWLOCATION, "CURLOPT_FOLLOWLOCATION",
+                                [](HttpClient::HttpClient& client, Json::Value& /*out*/) {
+                                    client.get(true);
+                                }}));
 
 }  // namespace

@@ -1,8 +1,6 @@
 // Makes many requests in one process and requires that it does not grow: file descriptors, memory.
 //
-// usage: soak URL COOKIES REQUESTS
-//
-// URL is the server of soak.mjs, which replies in JSON what it has received.
+// usage: node with_server.mjs soak REQUESTS
 #include <json/json.h>
 #include <malloc.h>
 #include <syslog.h>
@@ -46,9 +44,9 @@ struct Server {
     std::string cookies;
 };
 
-void requireReceived(const Json::Value& reply, const std::string& method, int headers,
+void requireReceived(const Json::Value& reply, const std::string& line, int headers,
                      const std::string& body) {
-    require(reply["method"] == method && reply["headers"] == headers && reply["body"] == body,
+    require(reply["line"] == line && reply["headers"] == headers && reply["body"] == body,
             "the server received something else: " + reply.toStyledString());
 }
 
@@ -56,7 +54,7 @@ void getJson(const Server& server) {
     Client client(server.url, server.cookies);
     Json::Value reply;
     client.get(reply);
-    requireReceived(reply, "GET", 0, "");
+    requireReceived(reply, "GET /", 0, "");
 }
 
 void getJsonWithHeaders(const Server& server) {
@@ -67,7 +65,7 @@ void getJsonWithHeaders(const Server& server) {
     client.setHeader("X-Soak-3", "three");
     Json::Value reply;
     client.get(reply);
-    requireReceived(reply, "GET", 3, "");
+    requireReceived(reply, "GET /", 3, "");
 }
 
 void postForm(const Server& server) {
@@ -77,11 +75,11 @@ void postForm(const Server& server) {
     Client client(server.url, server.cookies);
     Json::Value reply;
     client.postURLEncodedString(body, reply);
-    requireReceived(reply, "POST", 0, "grant_type=refresh_token&refresh_token=r%2F1");
+    requireReceived(reply, "POST /", 0, "grant_type=refresh_token&refresh_token=r%2F1");
 }
 
 void getRedirect(const Server& server) {
-    Client client(server.url + "redirect", server.cookies);
+    Client client(server.url + "/redirect", server.cookies);
     client.get(false);
     require(client.getRespCode() == 302 && client.getRedirectURL() == "app://callback/?code=1",
             "the redirect is another: " + client.getRedirectURL());
@@ -163,14 +161,16 @@ int soak(const Server& server, int requests) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4) {
-        std::cerr << "usage: soak URL COOKIES REQUESTS\n";
+    const char* const url = std::getenv("ORBA_TEST_SERVER");
+    const char* const folder = std::getenv("ORBA_TEST_FOLDER");
+    if (argc != 2 || url == nullptr || folder == nullptr) {
+        std::cerr << "usage: node with_server.mjs soak REQUESTS\n";
         return EXIT_FAILURE;
     }
     // The library logs some lines at debug priority for each request.
     setlogmask(LOG_UPTO(LOG_INFO));
     try {
-        return soak({argv[1], argv[2]}, std::stoi(argv[3]));
+        return soak({url, std::string(folder) + "/cookies"}, std::stoi(argv[1]));
     } catch (const std::exception& exception) {
         std::cerr << "soak: " << exception.what() << '\n';
         return EXIT_FAILURE;
