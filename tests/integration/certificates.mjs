@@ -7,6 +7,7 @@ import {scratchFolder} from './lab.mjs';
 
 const {ORBA_CA_CERT, ORBA_CA_KEY, ORBA_TLS_CERT, ORBA_TLS_KEY} = process.env;
 const EVERY_LOOPBACK_NAME = 'DNS:localhost,DNS:*.localhost,IP:127.0.0.1,IP:::1';
+const NEW_KEY = ['-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes', '-subj', '/CN=localhost'];
 const DAY = 24 * 3600 * 1000;
 
 function openssl(...args) {
@@ -44,25 +45,23 @@ export class Certificates {
     // A self-signed certificate: of a CA nobody knows, or of a server.
     selfSigned({extensions = ['basicConstraints=critical,CA:TRUE']} = {}) {
         const {cert, key} = this.#newFiles();
-        openssl('req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:P-256', '-nodes',
-            '-subj', '/CN=localhost', '-keyout', key, '-out', cert,
+        openssl('req', '-x509', ...NEW_KEY, '-keyout', key, '-out', cert,
             ...extensions.flatMap((extension) => ['-addext', extension]));
         return {cert, key};
     }
 
-    // Only `openssl ca` can choose both dates. `names` of null: a certificate without SAN.
-    #sign({ca, names, from, until, keyType, extensions}) {
+    // Only `openssl ca` can choose both dates.
+    #sign({ca, names, from, until, extensions}) {
         const {cert, key, request} = this.#newFiles();
         const config = join(this.folder, 'openssl.cnf');
-        const lines = names === null ? extensions : [`subjectAltName=${names}`, ...extensions];
+        const lines = [`subjectAltName=${names}`, ...extensions];
         writeFileSync(join(this.folder, 'index'), '');
         writeFileSync(config, [
             '[ca]', 'default_ca=own', '[own]', `database=${join(this.folder, 'index')}`,
             `new_certs_dir=${this.folder}`, 'rand_serial=yes', 'default_md=sha256',
             'policy=policy', '[policy]', 'commonName=supplied', '[extensions]', ...lines, '',
         ].join('\n'));
-        openssl('req', '-new', '-newkey', ...keyType, '-nodes', '-subj', '/CN=localhost',
-            '-keyout', key, '-out', request);
+        openssl('req', '-new', ...NEW_KEY, '-keyout', key, '-out', request);
         openssl('ca', '-batch', '-notext', '-config', config, '-extensions', 'extensions',
             '-cert', ca.cert, '-keyfile', ca.key, '-in', request, '-out', cert,
             '-startdate', inDays(from), '-enddate', inDays(until));
@@ -71,8 +70,7 @@ export class Certificates {
 
     makeFiles(wanted = {}) {
         return this.#sign({
-            ca: TRUSTED_CA, names: EVERY_LOOPBACK_NAME, from: -1, until: 1,
-            keyType: ['ec', '-pkeyopt', 'ec_paramgen_curve:P-256'], extensions: [], ...wanted,
+            ca: TRUSTED_CA, names: EVERY_LOOPBACK_NAME, from: -1, until: 1, extensions: [], ...wanted,
         });
     }
 

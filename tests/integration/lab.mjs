@@ -62,13 +62,12 @@ class Device {
     }
 }
 
-// `program`: another one than the probe itself.
-export function startDevice(t, {profile, env, program} = {}) {
+export function startDevice(t, {profile, env} = {}) {
     const folder = scratchFolder(t);
     const path = join(folder, 'device.json');
     const sample = {serial_number: 'ORBA-0123456789', user_agent: USER_AGENT};
     writeFileSync(path, JSON.stringify({...sample, ...profile}));
-    const probe = startProbe({ORBA_HOST_PROFILE: path, ...env}, program);
+    const probe = startProbe({ORBA_HOST_PROFILE: path, ...env});
     t.after(() => probe.end());
     return new Device(probe, folder);
 }
@@ -134,7 +133,7 @@ class Connection {
 
 // Takes one request, answers it with the bytes and closes the connection. The request is taken
 // first because a socket that is closed with bytes unread resets the connection.
-export function answer(bytes) {
+function answer(bytes) {
     return async (connection) => {
         await connection.request();
         connection.socket.end(bytes);

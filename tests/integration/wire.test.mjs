@@ -1,10 +1,10 @@
 import assert from 'node:assert/strict';
-import {writeFileSync} from 'node:fs';
+import {readFileSync, writeFileSync} from 'node:fs';
 import {describe, test} from 'node:test';
 
 import {GOOD} from './certificates.mjs';
 import {
-    USER_AGENT, answer, assertRequestFailed, json, redirect, reply, startDevice, startServer,
+    USER_AGENT, assertTransferFailed, drop, json, pathOf, redirect, reply, startDevice, startServer,
     succeeded,
 } from './lab.mjs';
 
@@ -35,12 +35,6 @@ describe('On the wire', CONCURRENCY, () => {
         ]);
     });
 
-    test('a GET with JSON', async (t) => {
-        const server = await startTls(t, json({}));
-        succeeded(await startDevice(t).getJson(`${server.url}a?b=1`));
-        assert.deepEqual(server.requests, [bytes(server, 'GET /a?b=1 HTTP/1.1')]);
-    });
-
     test('a POST', async (t) => {
         const server = await startTls(t, reply(200, {headers: ['Set-Cookie: s=1'], body: '{}'}));
         const device = startDevice(t);
@@ -61,15 +55,6 @@ describe('On the wire', CONCURRENCY, () => {
             [bytes(server, 'POST / HTTP/1.1', {headers: FORM, body: 'a=1'})]);
     });
 
-    test('a request for the login challenge', async (t) => {
-        const server = await startTls(t, redirect('/login?login_challenge=c%201&other=2'));
-        const {probe, cookies} = startDevice(t);
-        const url = `${server.url}authorize?client_id=nas&state=s`;
-        assert.equal(succeeded(await probe.challenge({url, cookies})), 'c 1');
-        assert.deepEqual(server.requests,
-            [bytes(server, 'GET /authorize?client_id=nas&state=s HTTP/1.1')]);
-    });
-
     test('the requests along a chain of redirects', async (t) => {
         const first = reply(302, {headers: ['Set-Cookie: s=1; Path=/', 'Location: two?a=1']});
         const callback = 'https://nas.localhost/callback?code=c%2F1&state=s';
@@ -85,6 +70,16 @@ describe('On the wire', CONCURRENCY, () => {
             bytes(server, 'GET /one/two?a=1 HTTP/1.1', {cookie: 's=1'}),
             bytes(server, 'GET /three HTTP/1.1', {cookie: 's=1'}),
         ]);
+    });
+
+    // libcurl puts a slash before the query, so the redirect does not hold the callback any more.
+    test('a callback that libcurl writes in another way, and misses', async (t) => {
+        const server = await startTls(t, redirect('app://cb?x=1&code=1'));
+        const {probe, cookies} = startDevice(t);
+        const answered = await probe.redirects({
+            url: `${server.url}?redirect_uri=app%3A%2F%2Fcb%3Fx%3D1`, cookies, reply: {redirect_to: server.url},
+        });
+        assertTransferFailed(answered, 'app://cb/?x=1&code=1', 26, 1);
     });
 
     test('an exchange of a code', async (t) => {
@@ -113,6 +108,19 @@ describe('On the wire', CONCURRENCY, () => {
     });
 });
 
+test('The token operations, in any process, share one cookie file and follow no redirect', async (t) => {
+    const elsewhere = reply(302, {headers: ['Set-Cookie: token_session=1', 'Location: /other'], body: '{"a": 1}'});
+    const server = await startTls(t, [elsewhere, drop]);
+    const [first, other] = [startDevice(t), startDevice(t)];
+    const request = {tokenFile: first.path('tokens'), url: `${server.url}token`, clientId: 'cid'};
+    succeeded(await first.probe.exchange({...request, code: 'c', verifier: 'v', redirectUri: 'app://cb'}));
+    assert.match(readFileSync('/tmp/oa_pkce_cookies.txt', 'utf8'), /\ttoken_session\t1\n/);
+    assertTransferFailed(await other.probe.refresh(request), request.url, 26, 52);
+    assert.equal(readFileSync(request.tokenFile, 'utf8'), '{\n\t"a" : 1\n}\n');
+    assert.deepEqual(server.requests.map(pathOf), Array(4).fill('/token'));
+    assert.match(server.requests[1], /\r\nCookie: token_session=1\r\n/);
+});
+
 describe('Headers', CONCURRENCY, () => {
     // What each request of one object sends, for its operation and its own new headers.
     async function headersSent(t, ...requests) {
@@ -123,19 +131,6 @@ describe('Headers', CONCURRENCY, () => {
         }
         return server.requests.map((request) => request.split('\r\n').slice(1, -2));
     }
-
-    const ownHeaders = (sent) => sent.filter((line) => !/^(Host|User-Agent|Accept): /.test(line));
-
-    test('are sent in the order of their names, byte by byte', async (t) => {
-        const [sent] = await headersSent(t, {headers: {b: '2', a: '1', B: '3', 'a-': '4'}});
-        assert.deepEqual(ownHeaders(sent), ['B: 3', 'a: 1', 'a-: 4', 'b: 2']);
-    });
-
-    test('of a POST stay with the object and are sent with its GETs', async (t) => {
-        const sent = await headersSent(t, {}, {op: 'post', body: 'a=1'}, {},
-            {op: 'get', follow: false});
-        assert.deepEqual(sent.map(ownHeaders), [[], [...FORM, 'Content-Length: 3'], FORM, FORM]);
-    });
 
     test('replace those of the transfer', async (t) => {
         const headers = {Accept: 'a/json', 'User-Agent': 'other', Host: 'other.localhost'};
@@ -155,36 +150,6 @@ describe('Headers', CONCURRENCY, () => {
         assert.deepEqual(sent.slice(1), [`User-Agent: ${USER_AGENT}`, 'Accept: */*',
             'Authorization: Bearer t', ...FORM, 'Content-Length: 3']);
     });
-});
-
-describe('The user agent', CONCURRENCY, () => {
-    test('is the device\'s own', async (t) => {
-        const server = await startServer(t, json({}));
-        const device = startDevice(t, {profile: {user_agent: 'Other/1 (a; b) "c"'}});
-        succeeded(await device.getJson(server.url));
-        assert.match(server.requests[0], /\r\nUser-Agent: Other\/1 \(a; b\) "c"\r\n/);
-    });
-
-    test('of 255 bytes is sent whole', async (t) => {
-        const server = await startServer(t, json({}));
-        const name = 'x'.repeat(255);
-        succeeded(await startDevice(t, {profile: {user_agent: name}}).getJson(server.url));
-        assert.ok(server.requests[0].includes(`\r\nUser-Agent: ${name}\r\n`));
-    });
-
-    for (const [what, name] of [['missing', undefined], ['of 256 bytes', 'x'.repeat(256)]]) {
-        test(`that is ${what} is failure 18, before any request`, async (t) => {
-            const server = await startServer(t, json({}));
-            const device = startDevice(t, {profile: {user_agent: name}});
-            for (const answered of [
-                await device.get(server.url), await device.getJson(server.url),
-                await device.post(server.url, ''),
-            ]) {
-                assertRequestFailed(answered, server.url, 18, 'Failed to get Orbalon usergent');
-            }
-            assert.equal(server.arrivals.length, 0);
-        });
-    }
 });
 
 describe('A connection', CONCURRENCY, () => {
@@ -220,14 +185,6 @@ describe('A body of more than 1 MB', CONCURRENCY, () => {
         assert.deepEqual(heads, [bytes(server, 'POST / HTTP/1.1', {headers: announced})]);
     });
 
-    test('is sent after a second when the server says nothing', async (t) => {
-        const server = await startServer(t, json({}));
-        const answered = await startDevice(t).post(server.url, BODY);
-        succeeded(answered);
-        assert.ok(server.requests[0].endsWith(`\r\n\r\n${BODY}`));
-        assert.ok(answered.seconds >= 0.9, `took ${answered.seconds} s`);
-    });
-
     test('is not sent when the server refuses it', async (t) => {
         const server = await startServer(t, async (connection) => {
             await connection.head();
@@ -236,16 +193,5 @@ describe('A body of more than 1 MB', CONCURRENCY, () => {
         const answered = await startDevice(t).post(server.url, BODY);
         assert.deepEqual([answered.code, answered.status], [14, 413]);
         assert.equal(server.arrivals.length, 1);
-    });
-
-    test('is sent again without the announcement when the server does not know it', async (t) => {
-        const server = await startServer(t, async (connection) => {
-            await connection.head();
-            connection.socket.write('HTTP/1.1 417 No\r\nContent-Length: 0\r\n\r\n');
-            await answer(json({}))(connection);
-        });
-        succeeded(await startDevice(t).post(server.url, BODY));
-        assert.deepEqual(server.requests,
-            [bytes(server, 'POST / HTTP/1.1', {headers: FORM, body: BODY})]);
     });
 });

@@ -1,5 +1,5 @@
-// orba-token and the example fleet-lens against the test cloud. Runs inside scripts/sandbox, with the
-// programs named in ORBA_TOKEN and ORBA_FLEET_LENS.
+// The session's programs, orba-token and the example fleet-lens, against the test cloud. Runs inside
+// scripts/sandbox, with the programs named in ORBA_TOKEN and ORBA_FLEET_LENS.
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
 import {once} from 'node:events';
