@@ -161,6 +161,14 @@ describe('cloud', () => {
             const {status, json} = await device.grant(changes);
             assert.deepEqual([status, json.code, json.grant], [400, code, undefined]);
         }
+        const {id, authKey, serialNumber} = cloud.account;
+        for (const wrong of [{id: 'x'}, {auth_key: 'x'}, {serial_no: 'x'}]) {
+            const {json} = await device.account(LOGIN,
+                {id, auth_key: authKey, serial_no: serialNumber, challenge: 'x', ...wrong});
+            assert.equal(json.code, 'badauth');
+        }
+        const {location} = await device.authorize({code_challenge_method: 'plain'});
+        assert.ok(location.startsWith(`${WEB.redirectUri}?error=invalid_request`), location);
         assert.equal((await device.account('/token', {})).status, 404);
         assert.equal((await device.send(`https://localhost:${cloud.port}/auth`)).status, 421);
     });

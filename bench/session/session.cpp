@@ -1,9 +1,9 @@
 // Measures the session and prints JSON. bench/run.mjs starts it.
 //
-// usage: orba-bench-session token SECONDS REPETITIONS    accessToken() with a good token of 1,000
-// bytes
-//        orba-bench-session sign-in TIMES                processor time of a web login with
-//        exchange
+// usage: orba-bench-session token SECONDS REPETITIONS
+//            accessToken() with a good token of 1,000 bytes
+//        orba-bench-session sign-in TIMES
+//            processor time of a web login with exchange
 //
 // Environment: as for orba-bench; ORBA_AUTHORIZATION_ENDPOINT and ORBA_TOKEN_ENDPOINT of the test
 // cloud.

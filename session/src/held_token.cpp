@@ -65,7 +65,6 @@ HeldToken heldFromFile(const Tokens& tokens, milliseconds changed, const Setting
     const milliseconds lifetime = tokens.lifetime.value_or(milliseconds(0));
     held.token.expires = TimePoint(wallNow + left);
     if (left > milliseconds(0)) {
-        held.token.expires = TimePoint(*tokens.expiresAt);
         held.since = bootNow + left - lifetime;
     }
     setEnd(held, bootNow + left, lifetime, tokens, settings);

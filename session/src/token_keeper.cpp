@@ -73,7 +73,6 @@ struct TokenKeeper::Errand {
         try {
             if (gate.text() != savedGate) {
                 store.writeGate(gate.text());
-                savedGate = gate.text();
             }
         } catch (...) {
             logWarning("The gate's file cannot be written.");
@@ -277,7 +276,6 @@ std::optional<AccessToken> TokenKeeper::ask(Errand& errand) {
             return token;
         }
         if (errand.wish.early) {
-            postponeEarly(nanoseconds::max());
             return std::nullopt;
         }
         errand.store.reserve();
@@ -354,7 +352,6 @@ void TokenKeeper::replaceFile(Errand& errand, const Tokens& tokens) {
         unstored = Unstored{tokens, content, errand.digest, errand.file.content};
         lastStore = bootTime();
     }
-    errand.tokens = tokens;
 }
 
 void TokenKeeper::storeUnstored(Errand& errand) {
@@ -367,7 +364,7 @@ void TokenKeeper::storeUnstored(Errand& errand) {
         errand.store.store(unstored->content);
         unstored.reset();
     } catch (const Failure&) {
-        errand.store.dropReserve();  // it was warned of when the tokens came
+        return;  // it was warned of when the tokens came
     }
 }
 
@@ -380,11 +377,8 @@ void TokenKeeper::hold(const std::optional<HeldToken>& token) {
 }
 
 void TokenKeeper::postponeEarly(nanoseconds until) {
-    {
-        const std::lock_guard lock(mutex);
-        atHand->early = std::max(atHand->early, until);
-    }
-    publish();
+    const std::lock_guard lock(mutex);
+    atHand->early = std::max(atHand->early, until);
 }
 
 void TokenKeeper::publish() {

@@ -298,7 +298,7 @@ bool TokenStore::openWorkFolder(bool create) {
     if (!work.isOpen()) {
         failOnFile("Cannot open the folder " + path + ".work", errno);
     }
-    if (!isOurs(statusOf(work.get(), workName), S_IFDIR)) {
+    if (!isOurs(statusOf(work.get(), path + ".work"), S_IFDIR)) {
         fail(kFilesUnusable, "The folder " + path + ".work belongs to another user");
     }
     setMode(work.get(), kFolderMode, path + ".work");
@@ -312,7 +312,7 @@ bool TokenStore::tryLock() {
     if (!held.tryIn(work.get(), kLock)) {
         return false;
     }
-    if (!isAt(folder.get(), workName.c_str(), statusOf(work.get(), workName))) {
+    if (!isAt(folder.get(), workName.c_str(), statusOf(work.get(), path + ".work"))) {
         held.release();
         return false;
     }

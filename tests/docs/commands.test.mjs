@@ -8,7 +8,7 @@ import {test} from 'node:test';
 
 import {blocks, documents, root} from './markdown.mjs';
 
-const TIMEOUT = 300_000; // the demo may have to build first
+const TIMEOUT = 300_000; // of one block, in ms
 // A `text` block that follows is what the commands print; "..." matches anything.
 const run = documents.flatMap((path) => blocks(path).map((block, index, all) => ({
     ...block, path, printed: all[index + 1]?.language === 'text' ? all[index + 1].text : '',
@@ -17,7 +17,7 @@ const run = documents.flatMap((path) => blocks(path).map((block, index, all) => 
 const pattern = (printed) => new RegExp(
     printed.split('...').map((text) => text.replace(/[^\w\s]/g, '\\$&')).join('.*'));
 
-// Scripts that run this very test, run for long, or have a test of their own must exist.
+// Leaves out scripts that run this very test, run for long, or have a test of their own; they must exist.
 function withoutLongOnes(text) {
     return text.split('\n').filter((line) => {
         const script = line.match(/^scripts\/(test|check|bench|fuzz|package|demo(?! --))\b/)?.[0];

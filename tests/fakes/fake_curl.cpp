@@ -186,7 +186,7 @@ CURLcode curl_easy_perform(CURL* curl) {
         }
     }
     if (!transfer.error.empty()) {
-        transfer.error.copy(handle.errorBuffer, CURL_ERROR_SIZE - 1);
+        handle.errorBuffer[transfer.error.copy(handle.errorBuffer, CURL_ERROR_SIZE - 1)] = '\0';
     }
     handle.status = transfer.status;
     handle.redirectUrl = transfer.redirectUrl;

@@ -10,7 +10,7 @@
 namespace fakes {
 
 World& world() {
-    static World& theWorld = *new World;  // the process ends in calls to the stand-ins, too
+    static World& theWorld = *new World;  // the stand-ins are also called while the process ends
     return theWorld;
 }
 

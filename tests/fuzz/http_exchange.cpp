@@ -1,7 +1,7 @@
-// A server's bytes into HttpClient, by one of its operations (ORBA_FUZZED): the real libcurl
-// against a server without a network: each connection is a socket pair into which its reply has
-// been written before libcurl sends anything. Input: the replies, separated by lines "--- next
-// connection ---"; the last one is repeated.
+// A server's bytes into one of HttpClient's operations (ORBA_FUZZED), with the real libcurl and no
+// network: each connection is a socket pair into which its reply has been written before libcurl
+// sends anything. Input: the replies, separated by lines "--- next connection ---"; the last one is
+// repeated.
 #include <curl/curl.h>
 #include <strings.h>
 #include <sys/socket.h>

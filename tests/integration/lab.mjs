@@ -62,11 +62,10 @@ class Device {
     }
 }
 
-export function startDevice(t, {profile, env} = {}) {
+export function startDevice(t, {env} = {}) {
     const folder = scratchFolder(t);
     const path = join(folder, 'device.json');
-    const sample = {serial_number: 'ORBA-0123456789', user_agent: USER_AGENT};
-    writeFileSync(path, JSON.stringify({...sample, ...profile}));
+    writeFileSync(path, JSON.stringify({serial_number: 'ORBA-0123456789', user_agent: USER_AGENT}));
     const probe = startProbe({ORBA_HOST_PROFILE: path, ...env});
     t.after(() => probe.end());
     return new Device(probe, folder);
@@ -154,12 +153,10 @@ export function pathOf(request) {
 
 export const drop = answer('');
 
-// Takes one request, answers it with the bytes and resets the connection.
-export function reset(bytes = '') {
-    return async (connection) => {
-        await connection.request();
-        connection.socket.write(bytes, () => connection.socket.resetAndDestroy());
-    };
+// Takes one request and resets the connection.
+export async function reset(connection) {
+    await connection.request();
+    connection.socket.resetAndDestroy();
 }
 
 function listen(server, options) {
@@ -215,7 +212,7 @@ export async function startServer(t, script, {tls, hosts = ['127.0.0.1'], name} 
         servers.forEach((server) => server.close());
     });
     const {port} = servers[0].address();
-    const host = name ?? (hosts[0].includes(':') ? `[${hosts[0]}]` : hosts[0]);
+    const host = name ?? hosts[0];
     return {port, url: `${tls ? 'https' : 'http'}://${host}:${port}/`, arrivals, peers, requests};
 }
 

@@ -35,7 +35,7 @@ describe('A transfer that fails three times', CONCURRENCY, () => {
     const HEAD = 'HTTP/1.1 200 OK\r\n';
     const faults = [
         ['because the connection is closed without a reply', drop, 52],
-        ['because the connection is reset without a reply', reset(), 56],
+        ['because the connection is reset without a reply', reset, 56],
         ['because the body is cut short', `${HEAD}Content-Length: 20\r\n\r\n{"cut":`, 18],
         ['because the chunked body is cut short',
             `${HEAD}Transfer-Encoding: chunked\r\n\r\n7\r\n{"cut":\r\n`, 18],

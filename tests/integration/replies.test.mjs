@@ -6,7 +6,7 @@ import {
     redirect, reply, startDevice, startServer, statusFailure, succeeded,
 } from './lab.mjs';
 
-// A device and a server for several replies, and what it takes to get one of them.
+// A device and a server for several replies, and a function that gets one of them.
 async function start(t) {
     let next;
     const server = await startServer(t, async (connection) => {
@@ -14,7 +14,7 @@ async function start(t) {
         connection.socket.end(next);
     });
     const device = startDevice(t);
-    return {server, device, ask: (op, bytes, path = '') => {
+    return {server, ask: (op, bytes, path = '') => {
         next = bytes;
         return device[op](server.url + path, '');
     }};
@@ -148,7 +148,7 @@ describe('A body', {concurrency: 8}, () => {
         }
     });
 
-    test('is read as it is: in chunks, behind the connection, cut, with invalid UTF-8', async (t) => {
+    test('is read as it is: in chunks, up to the end of the connection, cut, with invalid UTF-8', async (t) => {
         const {ask} = await start(t);
         const HEAD = 'HTTP/1.1 200 OK\r\n';
         for (const [bytes, value] of [

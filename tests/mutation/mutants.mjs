@@ -93,7 +93,10 @@ export class Source {
     // Namespaces, classes and what they declare.
     declarations(from, to) {
         for (let i = from; i < to;) {
-            const end = this.find(i, to, ";", "{", "=");
+            let end = this.find(i, to, ";", "{", "=");
+            if (this.is(end - 1, "operator")) {
+                end = this.find(end + 1, to, ";", "{");
+            }
             const head = end > i ? this.slice(i, end) : "";
             if (this.is(end, "=")) {
                 const semicolon = this.find(end, to, ";");

@@ -26,6 +26,7 @@ const launcher = [path.join(here, "launcher"), root, folder];
 const PROGRAMS = {
     "src": ["tests/unit/unit_tests"],
     "platform/host": ["tests/platform/platform_test", "tests/platform/platform_faults_test"],
+    "session/src": ["tests/session/unit/session_unit_tests"],
 };
 const QUICK_SECONDS = 0.1;
 // What ends a mutant that loops. A test may start processes, which inherit the limits.
@@ -121,13 +122,17 @@ function start(program, tests, environment, timeout) {
     });
 }
 
-// Every test suite with its time and the mutants that it reaches.
+// Every test with its time and the mutants that it reaches.
 async function traceTests(jobs, programs) {
     const tests = [];
     for (const program of programs) {
         const list = await require(path.join(build, program), ["--gtest_list_tests"]);
-        for (const [suite] of list.matchAll(/^\S+\.(?=\s)/gm)) {
-            tests.push({program, name: `${suite}*`});
+        let suite = "";
+        for (const [, head, name] of list.matchAll(/^(?:(\S+\.)|  (\S+))/gm)) {
+            suite = head ?? suite;
+            if (name && !name.startsWith("DISABLED_")) {
+                tests.push({program, name: suite + name});
+            }
         }
     }
     await inParallel(jobs, [...tests.entries()], async ([index, test]) => {
@@ -192,7 +197,7 @@ async function main() {
     await require("ninja", ["-C", build, `-j${jobs}`, ...programs]);
     say("built");
     const tests = await traceTests(jobs, programs);
-    say(`${tests.length} test suites`);
+    say(`${tests.length} tests`);
     const equivalents = readEquivalents().filter(({line}) => values.folder.some((name) => line.startsWith(`${name}/`)));
     const found = sources.flatMap((source) => source.places).flatMap((place) => place.mutants).filter((m) => m.change);
     const wanted = found.filter((m) => !dropped.has(m.number) &&

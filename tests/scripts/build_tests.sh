@@ -1,4 +1,4 @@
-# Tests of scripts/test, scripts/check and what the scripts share, with tools that only take notes.
+# Tests of scripts/test, scripts/check, .ci/run and what the scripts share, with tools that only take notes.
 # shellcheck shell=bash disable=SC2001,SC2016,SC2065,SC2154,SC2164,SC2265
 
 # make_tools [CTEST COMMAND...]
@@ -123,4 +123,15 @@ test_Check_SectionFails_IsShownAndTheNextOneRuns() {
     make_command "$work/bin" cmake <<<"echo 'error: no'; exit 1"
     run scripts/check abi
     expect_contains "$output" "error: no" "the log of a build that failed"
+}
+
+test_Ci_RunsTestsAndChecks_ClosesWithWhatTheTestsEndedWith() {
+    local statuses tested=$'\n100% tests passed, of 1\n\nTime'
+    for statuses in 0:0:0 8:0:8 0:1:1; do
+        IFS=: read -r first second expected <<<"$statuses"
+        make_command scripts test <<<"printf '%s\n' 'test 1$tested'; exit $first"
+        make_command scripts check <<<"echo checked; exit $second"
+        run bash .ci/run <&-
+        expect_equal "$status/$output" "$expected/test 1$tested"$'\nchecked'"$tested" "status and output"
+    done
 }

@@ -104,7 +104,7 @@ run_test() {
     trap 'rm -rf "$work" "$temporary"' EXIT
     mkdir -p "$work"/{checkout/{build,cloud/node_modules},home,tests}
     chmod 755 "$work" "$temporary"
-    cp -r "$here"/../../scripts "$work/checkout"
+    cp -r "$here"/../../{scripts,.ci} "$work/checkout"
     cp "$here"/* "$work/tests"
     # Compiled once for all tests
     cp "$here/../../build/sandbox-init" "$work/checkout/build" 2>/dev/null || true

@@ -22,7 +22,9 @@ Certificate will expire" "CA"
 }
 
 test_Certificates_AreTrustedForTheLoopbackNamesOnly() {
-    run sandbox sh -c 'for name in localhost account.localhost elsewhere.test; do
+    echo nonsense >"$work/openssl.cnf"
+    OPENSSL_CONF=$work/openssl.cnf run sandbox sh -c 'unset OPENSSL_CONF
+        for name in localhost account.localhost elsewhere.test; do
         openssl verify -CAfile '$bundle' -verify_hostname $name $ORBA_TLS_CERT >/dev/null 2>&1; echo $?; done'
     expect_equal "$output" $'0\n0\n2' "status for each name"
 }
@@ -127,8 +129,8 @@ test_LeftProcesses_AreEnded() {
 test_Signals_EndEverything() {
     local signal
     ulimit -c 0
-    for signal in TERM:143 KILL:137; do
-        scripts/sandbox bash -c 'trap "" HUP INT QUIT TERM; sleep 100 &
+    for signal in TERM:143 INT:130 HUP:129 KILL:137; do
+        env --default-signal=INT scripts/sandbox bash -c 'trap "" HUP INT QUIT TERM; sleep 100 &
             setsid sleep 100 & (for ((i = 0; ; i++)); do echo >/tmp/$i; done) &
             echo >build/ready; wait' &
         wait_until '[[ -e build/ready ]]'
@@ -145,6 +147,12 @@ test_Signals_EndEverything() {
         expect_equal "$(ls -A "$TMPDIR")" "" "temporary files after ${signal%:*}"
         rm build/ready
     done
+}
+
+test_StarterEnds_TheCommandGoesOn() {
+    (scripts/sandbox sh -c 'until [ -e build/go ]; do sleep 0.02; done; echo went-on >build/done' &)
+    touch build/go
+    wait_until '[[ -s build/done && -z $(processes_left) ]]' || fail "the command ended"
 }
 
 # await_line TEXT: reads from the terminal until a line is just this text.
@@ -177,8 +185,13 @@ test_InteractiveShell_HasJobControl() {
 test_Machine_IsUnchanged() {
     local look="cksum $bundle /etc/hosts; ls -l /etc/hosts $bundle; ls /dev" before
     before=$(eval "$look")
-    sandbox sh -c "echo >>/etc/hosts; echo >>$bundle; echo >/dev/file" &>/dev/null || true
-    expect_equal "$(eval "$look")" "$before" "bundle, hosts and devices"
+    sandbox sh -c "echo >>/etc/hosts; echo >>$bundle; echo >/dev/file; echo >build/ready
+        until [ -e build/go ]; do sleep 0.02; done" 2>/dev/null &
+    wait_until '[[ -e build/ready ]]' || fail "the sandbox did not start"
+    expect_equal "$(eval "$look")" "$before" "bundle, hosts and devices during the run"
+    touch build/go
+    wait $!
+    expect_equal "$(eval "$look")" "$before" "bundle, hosts and devices afterwards"
 }
 
 test_bwrap_Files_AreReadOnlyButForTheWritableFolders() {

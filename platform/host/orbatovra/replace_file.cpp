@@ -32,7 +32,7 @@ std::string resolvedPath(const std::string& path) {
     return resolved.get();
 }
 
-// A new file beside the one that it shall replace; removed unless it came so far.
+// A new file beside the one that it is to replace; removed unless it has been renamed.
 class Replacement {
   public:
     Replacement(const std::string& folder, std::string target)

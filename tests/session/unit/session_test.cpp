@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <stdexcept>
@@ -99,7 +100,7 @@ TEST_F(SessionTest, Values_ArePercentEncoded) {
 }
 
 TEST_F(SessionTest, AuthorizationEndpoint_KeepsItsQuery) {
-    for (const char* const query : {"", "?", "?a=b", "?a=b&c"}) {
+    for (const char* const query : {"", "?", "?a", "?a=b", "?a=b&c"}) {
         use([&](Settings& given) {
             given.authorizationEndpoint = "https://auth.test/auth" + std::string(query);
         });
@@ -138,6 +139,7 @@ TEST_F(SessionTest, GrantOfNoUse_LeadsToTheWebLoginInTheSameCall) {
         [] { return "https://app.test/cb?error=access_denied&state=" + out().state; },
         []() -> std::string { throw std::runtime_error("the account service is away"); },
         []() -> std::string { throw ORBA::OAuth2Client::HttpClientException(26, "x"); },
+        [] { return "https://app.test/cb?error=a~&state=" + out().state; },
     };
     for (const auto& grant : grants) {
         out().grant = grant;
@@ -148,8 +150,11 @@ TEST_F(SessionTest, GrantOfNoUse_LeadsToTheWebLoginInTheSameCall) {
     const std::string prefix = "4 orbaoauth2session: The account service's grant is of no use. ";
     EXPECT_THAT(out().log, ::testing::Contains(
                                prefix + "The callback of https://auth.test has another state."));
-    EXPECT_THAT(out().log, ::testing::Contains(
-                               prefix + "https://auth.test replied with the error invalid_grant."));
+    for (const char* const error : {"invalid_grant", "a~"}) {
+        EXPECT_THAT(out().log,
+                    ::testing::Contains(prefix + "https://auth.test replied with the error " +
+                                        error + "."));
+    }
 }
 
 TEST_F(SessionTest, ExchangeOfAGrantThatFails_IsFinalIfItPasses) {
@@ -211,6 +216,8 @@ TEST_F(SessionTest, ExpiredToken_IsRefreshed) {
     out().advance(1h);
     EXPECT_EQ("at-3", token());
     EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token", "/token refresh"));
+    EXPECT_EQ("grant_type=refresh_token&refresh_token=rt-2&client_id=fleet%20lens",
+              out().requests.back().form);
     EXPECT_EQ("rt-3", stored()["refresh_token"].asString());
     EXPECT_EQ("6 orbaoauth2session: Refreshed at https://auth.test.", out().log.back());
 }
@@ -260,8 +267,62 @@ TEST_F(SessionTest, EarlyRenewal_WhileAnotherProcessHoldsTheLock_IsLeftToIt) {
     EXPECT_EQ("at-2", token());
     EXPECT_EQ("at-2", token());
     EXPECT_EQ(3U, out().requests.size());
-    out().advance(100ms);
+    out().advance(100ms - 1ns);
+    EXPECT_EQ("at-2", token());
+    out().advance(1ns);
     EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, EarlyRenewal_FailedOneIsTriedAgainWhenItMay) {
+    token();
+    out().advance(3200s);
+    const auto tries = [] { return fakes::world().counts["ORBATOVRAUserAgentNameGet"]; };
+    fakes::world().failAt["ORBATOVRAUserAgentNameGet"] = tries() + 1;
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ("4 orbaoauth2session: The device's user agent is unavailable: error 10.",
+              out().log.back());
+    EXPECT_EQ(2, tries());
+    out().advance(10s - 1ns);
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(2, tries());
+    out().advance(1ns);
+    answerTokens({503, "", "", {"Retry-After: 7"}});
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(3, tries());
+    out().advance(7s - 1ns);
+    const auto logged = out().log.size();
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(logged, out().log.size());
+    out().advance(1ns);
+    out().intercept = nullptr;
+    EXPECT_EQ("at-3", token());
+}
+
+TEST_F(SessionTest, EarlyRenewal_TakesTenSecondsAtMost) {
+    token();
+    out().advance(3200s);
+    out().intercept = [](const Request&, Answer& answer) { return answer.hangs = true; };
+    const auto begin = out().boot;
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ(10s, out().boot - begin);
+}
+
+TEST_F(SessionTest, EarlyRenewal_FollowsAtOnceWhenTheTokenOfTheFileIsDueForIt) {
+    token();
+    restart();
+    out().advance(3530s);
+    EXPECT_EQ("at-3", token());
+    Json::Value due = stored();
+    out().advance(2h);
+    fakes::world().onCall = [&](const std::string& name) {
+        if (name == "flock" && due["access_token"] != "other") {
+            due["access_token"] = "other";
+            due["expires_at"] = static_cast<double>((out().wall + 61s).count() / 1'000'000'000);
+            writeFile(tokenFile(), due.toStyledString());
+        }
+    };
+    EXPECT_EQ("at-4", token());  // another process had renewed it, long ago
+    EXPECT_EQ("/token refresh", urls().back());
 }
 
 // Another process was told that the refresh token is no longer good.
@@ -289,9 +350,11 @@ TEST_F(SessionTest, RefusedRefreshToken_LeadsToOneSignIn) {
             return outside::parameterOf(request.form, "grant_type") == "refresh_token";
         };
         out().requests.clear();
-        token();
+        const std::string signedIn = token();
+        EXPECT_EQ(signedIn, stored()["access_token"].asString());
         EXPECT_THAT(urls(), ElementsAre("/token refresh", "/auth", "/continue", "/token"));
-        EXPECT_THAT(out().log, ::testing::Contains(HasSubstr("no longer accepts the refresh")));
+        EXPECT_THAT(out().log, ::testing::Contains("4 orbaoauth2session: https://auth.test no "
+                                                   "longer accepts the refresh token."));
         out().intercept = nullptr;
     }
 }
@@ -367,6 +430,22 @@ TEST_F(SessionTest, RefusedRefreshToken_RefreshTokenOfAnotherIsUsed) {
     };
     out().refreshTokens = {"rt-other"};
     EXPECT_EQ("at-3", renew("refused"));
+    out().advance(2h);
+    out().refreshTokens = {"rt-other"};
+    out().intercept = [&](const Request& request, Answer& answer) {
+        Json::Value other = stored();
+        other["access_token"] = "refused";
+        other["refresh_token"] = "rt-other";
+        const bool ours = outside::parameterOf(request.form, "refresh_token") == "rt-3";
+        if (ours) {
+            writeFile(tokenFile(), other.toStyledString());
+        }
+        answer =
+            ours ? Answer{400, ""} : Answer{200, R"({"access_token":"a","token_type":"Bearer"})"};
+        return true;
+    };
+    EXPECT_EQ("a", token());
+    EXPECT_EQ("rt-other", stored()["refresh_token"].asString());
 }
 
 TEST_F(SessionTest, ReplyWithoutRefreshTokenOrScope_KeepsTheOldOnes) {
@@ -382,6 +461,28 @@ TEST_F(SessionTest, ReplyWithoutRefreshTokenOrScope_KeepsTheOldOnes) {
     }
     answerTokens({200, R"({"access_token":"new","token_type":"Bearer","scope":"less"})"});
     EXPECT_EQ("less", session().accessToken().scope);
+    answerTokens({200, R"({"access_token":"newer","token_type":"Bearer"})"});
+    out().advance(10s);
+    EXPECT_EQ("less", session().renew("new").scope);
+    EXPECT_EQ("less", stored()["scope"].asString());
+}
+
+// The tokens of the sign-in belong to what the refusal left of the file.
+TEST_F(SessionTest, RefusedRefreshToken_TokensOfTheSignInThatCannotBeStored_AreKept) {
+    token();
+    out().advance(2h);
+    out().refreshTokens.clear();
+    fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 2;
+    const std::string signedIn = token();
+    EXPECT_EQ("at-2", stored()["access_token"].asString());
+    out().advance(1s);
+    EXPECT_EQ(signedIn, token());
+    EXPECT_EQ(signedIn, stored()["access_token"].asString());
+}
+
+TEST_F(SessionTest, AccessToken_OfAnyPrintableCharacters) {
+    answerTokens({200, R"({"access_token":"!~","token_type":"Bearer"})"});
+    EXPECT_EQ("!~", token());
 }
 
 struct BadReply {
@@ -541,12 +642,14 @@ TEST_F(SessionTest, Lifetimes_AreReadAsNumbersAndTexts) {
         {"\"--1\"", -1},
         {"\"-inf\"", -1},
         {"\".5\"", -1},
+        {"\"~60\"", -1},
     };
     for (const Lifetime& lifetime : lifetimes) {
         SCOPED_TRACE(lifetime.json);
         session().signOut();
-        answerTokens({200, R"({"access_token":"a","token_type":"Bearer","expires_in":)" +
-                               lifetime.json + "}"});
+        answerTokens(
+            {200, R"({"access_token":"a","token_type":"Bearer","expires_at":1,"expires_in":)" +
+                      lifetime.json + "}"});
         const AccessToken given = session().accessToken();
         if (lifetime.seconds < 0) {
             EXPECT_EQ(std::chrono::system_clock::time_point::max(), given.expires);
@@ -592,6 +695,10 @@ TEST_F(SessionTest, RetryAfter_Values) {
         {{"Retry-After: 5"}, {5, 5}},
         {{"Retry-After: 999999"}, {3600, 3600}},
         {{"Retry-After: 7000"}, {3600, 3600}},
+        {{"Retry-After: 99999999999999999999"}, {3600, 3600}},
+        {{"Retry-After: 5:"}, {1, 2}},
+        {{"Retry-After: Thu, 01 Jan 1970 00:00:30 GMT", "Date: Thu, 01 Jan 1970 00:00:00 GMT"},
+         {30, 30}},
         {{"Retry-After: Sun, 06 Nov 1994 08:50:37 GMT", date}, {60, 60}},
         {{date, "Retry-After: Sun, 06 Nov 1994 08:50:07 GMT"}, {30, 30}},
         {{"Retry-After: Sun, 06 Nov 1994 08:50:37 GMT"}, {1, 2}},
@@ -601,7 +708,9 @@ TEST_F(SessionTest, RetryAfter_Values) {
         {{"Retry-After: soon", date}, {1, 2}},
         {{"Retry-After:"}, {1, 2}},
         {{"X: y"}, {1, 2}},
-        {{"", "Retry-After: 60"}, {1, 2}},  // a trailer
+        {{"", "Retry-After: 60"}, {1, 2}},                      // a trailer
+        {{"", "HTTP/1.1 503 X", "Retry-After: 60"}, {60, 60}},  // after an interim reply
+        {{"", "http", "Retry-After: 60"}, {1, 2}},
     };
     for (const auto& [headers, range] : values) {
         SCOPED_TRACE(headers[0]);
@@ -626,6 +735,59 @@ TEST_F(SessionTest, BackOff_DoublesItsBoundUpToFiveMinutes) {
         out().advance(wait);
     }
     EXPECT_GT(longest, 200s);
+    out().intercept = nullptr;
+    token();
+    out().advance(2h);
+    answerTokens({503});
+    EXPECT_LE(failure().retryAfter(), 2s);
+}
+
+// It is written when it changes, as nothing else tells other processes; and only then.
+TEST_F(SessionTest, GateFile_IsWrittenWhenItChanges) {
+    const auto writes = [] { return fakes::world().counts["fdatasync"]; };
+    token();
+    EXPECT_EQ(0, writes());
+    out().advance(2h);
+    answerTokens({503, "", "", {"Retry-After: 100"}});
+    failure();
+    EXPECT_EQ(1, writes());
+    failure();
+    EXPECT_EQ(1, writes());
+    std::string boot = readFile("/proc/sys/kernel/random/boot_id");
+    boot.pop_back();
+    EXPECT_THAT(readFile(tokenFile() + ".work/gate"), HasSubstr(R"("boot":")" + boot + '"'));
+    EXPECT_EQ(4096U, std::filesystem::file_size(tokenFile() + ".work/gate"));
+    out().advance(100s);
+    out().intercept = nullptr;
+    token();
+    EXPECT_EQ(2, writes());
+    out().advance(2h);
+    token();
+    EXPECT_EQ(2, writes());
+}
+
+// The clock of another boot says nothing about this one's: the wait begins anew, but once.
+TEST_F(SessionTest, GateOfAnotherBoot_WaitsItsFullLengthOnce) {
+    answerTokens({503, "", "", {"Retry-After: 100"}});
+    failure();
+    const std::string gate = tokenFile() + ".work/gate";
+    std::string record = readFile(gate);
+    record = record.substr(record.find(' ') + 1, record.find('\n') - record.find(' ') - 1);
+    record.replace(record.find(R"("boot":")") + 8, 4, "xxxx");
+    writeFile(gate, digestOf({record}) + " " + record + "\n");
+    out().advance(60s);
+    EXPECT_EQ(100s, failure().retryAfter());
+    out().advance(60s);
+    EXPECT_EQ(40s, failure().retryAfter());
+    EXPECT_EQ(3U, out().requests.size());
+}
+
+TEST_F(SessionTest, GateThatCannotBeWritten_IsWarnedOf) {
+    answerTokens({503});
+    fakes::world().failAt["pwrite"] = 1;
+    failure();
+    EXPECT_THAT(out().log,
+                ::testing::Contains("4 orbaoauth2session: The gate's file cannot be written."));
 }
 
 TEST_F(SessionTest, GateOfAnotherAccountOrDamaged_IsOpen) {
@@ -652,6 +814,8 @@ TEST_F(SessionTest, Renew_WaitsUntilTheTokenIsOldEnough) {
     const std::string first = token();
     EXPECT_EQ(10s, failure([&] { renew(first); }).retryAfter());
     expectFailure(40, Remedy::tryLater, [&] { renew(first); });
+    EXPECT_STREQ("The refused token is too new to be renewed.",
+                 failure([&] { renew(first); }).what());
     EXPECT_EQ(first, token());
     out().advance(10s);
     const std::string second = session().renew(first).text;
@@ -671,8 +835,13 @@ TEST_F(SessionTest, Renew_WaitsUntilTheTokenIsOldEnough) {
 TEST_F(SessionTest, Renew_OfAnUnknownToken) {
     EXPECT_EQ("at-2", renew("x"));  // none at hand
     EXPECT_EQ("at-2", renew("x"));
-    out().advance(2h);
+    out().advance(1h);
     EXPECT_EQ("at-3", renew("x"));  // one at its end
+    out().lifetime = 3;
+    out().advance(1h);
+    EXPECT_EQ("at-4", renew("x"));
+    out().advance(3s);
+    EXPECT_EQ("at-5", renew("x"));  // its age does not matter
 }
 
 TEST_F(SessionTest, Renew_TokenWithoutLifetime) {
@@ -733,8 +902,33 @@ TEST_F(SessionTest, AnotherAccount_NothingOfTheFileIsSent) {
 
 TEST_F(SessionTest, NoLinkedAccount_IsCode19WithoutARequest) {
     out().linked = false;
+    EXPECT_STREQ("The device is not linked to an account.", failure().what());
     expectFailure(19, Remedy::linkAccount);
     EXPECT_THAT(out().requests, IsEmpty());
+    EXPECT_FALSE(std::filesystem::exists(tokenFile() + ".work"));
+}
+
+TEST_F(SessionTest, AccountThatChangesDuringTheWaitForTheLock_Counts) {
+    use([](Settings& given) { given.revocationEndpoint = "https://auth.test/revoke"; });
+    token();
+    const auto duringTheWait = [](const std::function<void()>& change) {
+        out().advance(2h);
+        out().requests.clear();
+        fakes::world().onCall = [change](const std::string& name) {
+            if (name == "flock") {
+                change();
+            }
+        };
+    };
+    duringTheWait([] { out().account = "account-2"; });
+    token();
+    EXPECT_THAT(urls(), ElementsAre("/auth", "/continue", "/token"));
+    duringTheWait([] { out().account = "account-3"; });
+    EXPECT_TRUE(session().signOut());
+    EXPECT_THAT(urls(), IsEmpty());
+    duringTheWait([] { out().linked = false; });
+    expectFailure(19, Remedy::linkAccount);
+    EXPECT_THAT(urls(), IsEmpty());
 }
 
 // What a killed process left.
@@ -748,9 +942,64 @@ TEST_F(SessionTest, Reserve_WholeOneBecomesTheTokenFile_AnotherIsCleared) {
     for (const std::string& content : {whole, whole.substr(0, 50), newer.toStyledString()}) {
         restart();
         writeFile(reserve, content);
+        std::filesystem::permissions(reserve, std::filesystem::perms(0644));
         EXPECT_EQ("newer", token());
         EXPECT_FALSE(std::filesystem::exists(reserve));
+        EXPECT_EQ(std::filesystem::perms(0600), std::filesystem::status(tokenFile()).permissions());
+        EXPECT_EQ(whole.substr(0, whole.find('\0')), readFile(tokenFile()));
     }
+    restart();
+    writeFile(reserve, whole);
+    out().linked = false;
+    failure();
+    EXPECT_FALSE(std::filesystem::exists(reserve));
+}
+
+TEST_F(SessionTest, ReserveOfAProcessThatIsKilledDuringTheWait_BecomesTheTokenFile) {
+    use([](Settings& given) { given.revocationEndpoint = "https://auth.test/revoke"; });
+    token();
+    Json::Value newer = stored();
+    newer["access_token"] = "newer";
+    newer["refresh_token"] = "rt-newer";
+    newer["expires_at"] = 1'800'010'000;
+    out().advance(2h);
+    int locks = 0;
+    fakes::world().onCall = [&](const std::string& name) {
+        if (name == "flock" && ++locks % 2 == 1) {
+            writeFile(tokenFile() + ".work/reserve", newer.toStyledString());
+        }
+    };
+    EXPECT_EQ("newer", token());
+    EXPECT_EQ(3U, out().requests.size());
+    newer["refresh_token"] = "rt-newest";
+    EXPECT_TRUE(session().signOut());
+    EXPECT_EQ("rt-newest", outside::parameterOf(out().requests.back().form, "token"));
+}
+
+// A first call only tries to recover it: what is at hand needs neither lock nor work folder.
+TEST_F(SessionTest, ReserveThatCannotBeLookedAfter_CostsNoGoodToken) {
+    token();
+    restart();
+    fakes::world().failAt["flock"] = fakes::world().counts["flock"] + 1;
+    EXPECT_EQ("at-2", token());
+}
+
+TEST_F(SessionTest, Space_IsReservedBeforeTheRequest) {
+    out().intercept = [this](const Request&, Answer&) {
+        EXPECT_EQ(131072U, std::filesystem::file_size(tokenFile() + ".work/reserve"));
+        EXPECT_EQ(4096U, std::filesystem::file_size(tokenFile() + ".work/gate"));
+        return false;
+    };
+    token();
+}
+
+// A call may read or write less than it was asked for.
+TEST_F(SessionTest, Files_AreReadAndWrittenInPieces) {
+    out().piece = 7;
+    token();
+    restart();
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ("rt-2", stored()["refresh_token"].asString());
 }
 
 TEST_F(SessionTest, TokenFile_IsALineOfJson) {
@@ -787,6 +1036,35 @@ TEST_F(SessionTest, TokensThatCannotBeStored_AreGivenAndStoredLater) {
     EXPECT_EQ("at-3", token());
     EXPECT_EQ("rt-3", stored()["refresh_token"].asString());
     EXPECT_EQ(4U, out().requests.size());
+    const auto locks = fakes::world().counts["flock"];
+    out().advance(2s);
+    EXPECT_EQ("at-3", token());
+    EXPECT_EQ(locks, fakes::world().counts["flock"]);
+}
+
+TEST_F(SessionTest, UnstoredTokens_AreForgottenAtASignOut) {
+    fakes::world().failAt["renameat"] = 1;
+    EXPECT_EQ("at-2", token());
+    EXPECT_TRUE(session().signOut());
+    EXPECT_EQ("at-4", token());
+}
+
+TEST_F(SessionTest, UnstoredTokens_DoNotReplaceThoseOfAnotherProcess) {
+    token();
+    out().advance(2h);
+    fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
+    EXPECT_EQ("at-3", token());
+    out().advance(2h);
+    fakes::world().onCall = [this](const std::string& name) {
+        if (name == "flock") {
+            Json::Value other = stored();
+            other["access_token"] = "other";
+            other["expires_at"] = 1'800'017'000;
+            writeFile(tokenFile(), other.toStyledString());
+        }
+    };
+    EXPECT_EQ("other", token());
+    EXPECT_EQ("other", stored()["access_token"].asString());
 }
 
 TEST_F(SessionTest, FilesOfOthers_AreCheckDevice) {
@@ -795,24 +1073,27 @@ TEST_F(SessionTest, FilesOfOthers_AreCheckDevice) {
         expectFailure(38, Remedy::checkDevice);
         EXPECT_THAT(out().requests, IsEmpty());
     };
-    std::filesystem::create_symlink("/dev/null", tokenFile());
+    const std::string elsewhere = folder + "/elsewhere";
+    std::filesystem::create_directory(elsewhere);
+    writeFile(elsewhere + "/file", "");
+    std::filesystem::create_symlink(elsewhere + "/file", tokenFile());
     expectUnusable();
     std::filesystem::remove(tokenFile());
     std::filesystem::create_directory(tokenFile());
     expectUnusable();
     std::filesystem::remove(tokenFile());
     const std::string work = tokenFile() + ".work";
-    std::filesystem::create_directory_symlink("/tmp", work);
+    std::filesystem::create_directory_symlink(elsewhere, work);
     expectUnusable();
     std::filesystem::remove(work);
     writeFile(work, "");
     expectUnusable();
     std::filesystem::remove(work);
     std::filesystem::create_directory(work);
-    std::filesystem::create_symlink("/dev/null", work + "/lock");
+    std::filesystem::create_symlink(elsewhere + "/file", work + "/lock");
     expectUnusable();
     std::filesystem::remove(work + "/lock");
-    std::filesystem::create_symlink("/dev/null", work + "/gate");
+    std::filesystem::create_symlink(elsewhere + "/file", work + "/gate");
     expectUnusable();
     std::filesystem::remove(work + "/gate");
     std::filesystem::permissions(folder, std::filesystem::perms(0770));
@@ -917,6 +1198,87 @@ TEST_F(SessionTest, WorkFolderMadeByAnotherMeanwhile_IsUsed) {
     EXPECT_EQ("at-2", token());
 }
 
+// What is said when a call fails during a refresh; a file that could not be opened at first is
+// looked at once more.
+TEST_F(SessionTest, FailingFileCalls_AreNamed) {
+    std::vector<std::string> said;
+    for (const char* const call :
+         {"open", "fstat", "openat", "mkdirat", "flock", "faccessat", "fchmod", "posix_fallocate",
+          "fsync", "pread", "pwrite", "ftruncate", "renameat"}) {
+        for (int n = 1;; ++n) {
+            fakes::world().failAt.clear();
+            std::filesystem::remove_all(tokenFile() + ".work");
+            std::filesystem::remove(tokenFile());
+            restart();
+            token();
+            std::filesystem::permissions(tokenFile() + ".work", std::filesystem::perms(0755));
+            if (std::string("mkdirat") == call) {
+                std::filesystem::remove_all(tokenFile() + ".work");
+            }
+            out().advance(2h);
+            out().log.clear();
+            const int failing = fakes::world().counts[call] + n;
+            fakes::world().failAt[call] = failing;
+            std::string text;
+            try {
+                token();
+                text = out().log.front();
+            } catch (const SessionException& exception) {
+                text = exception.what();
+            }
+            if (fakes::world().counts[call] < failing) {
+                break;
+            }
+            for (const auto& [shown, instead] : std::vector<std::pair<std::string, std::string>>{
+                     {"4 orbaoauth2session: The new tokens are kept in memory only. ", "kept: "},
+                     {"6 orbaoauth2session: Refreshed at https://auth.test.", "refreshed"},
+                     {": Input/output error.", ""},
+                     {folder, ""}}) {
+                const std::size_t at = text.find(shown);
+                if (at != std::string::npos) {
+                    text.replace(at, shown.size(), instead);
+                }
+            }
+            const std::string line = std::string(call) + ": " + text;
+            if (std::find(said.begin(), said.end(), line) == said.end()) {
+                said.push_back(line);
+            }
+        }
+    }
+    const std::vector<std::string> expected = {
+        "open: Cannot open the folder /",
+        "fstat: Cannot look at /",
+        "fstat: Cannot look at /tokens.json",
+        "fstat: Cannot look at /tokens.json.work",
+        "fstat: Cannot open the lock file",
+        "fstat: refreshed",
+        "fstat: Cannot look at /tokens.json.work/reserve",
+        "fstat: Cannot look at /tokens.json.work/gate",
+        "fstat: kept: Cannot look at /tokens.json",
+        "openat: Cannot open /tokens.json",
+        "openat: Cannot open the folder /tokens.json.work",
+        "openat: Cannot open the lock file",
+        "openat: Cannot open /tokens.json.work/reserve",
+        "openat: refreshed",
+        "openat: Cannot open /tokens.json.work/gate",
+        "mkdirat: Cannot make the folder /tokens.json.work",
+        "flock: Cannot lock the lock file",
+        "flock: refreshed",
+        "faccessat: Cannot write to the folder of /tokens.json",
+        "fchmod: Cannot set the mode of /tokens.json.work",
+        "posix_fallocate: Cannot reserve space for /tokens.json",
+        "posix_fallocate: Cannot reserve space for /tokens.json.work/gate",
+        "fsync: Cannot sync /tokens.json.work/reserve",
+        "fsync: kept: Cannot sync /tokens.json",
+        "fsync: kept: Cannot sync the folder of /tokens.json",
+        "pread: Cannot read /tokens.json",
+        "pread: refreshed",
+        "pwrite: kept: Cannot write /tokens.json",
+        "ftruncate: kept: Cannot write /tokens.json",
+        "renameat: kept: Cannot replace /tokens.json"};
+    EXPECT_EQ(expected, said);
+}
+
 // Whoever has locked a file that is gone has locked nothing.
 TEST_F(SessionTest, LockReplacedMeanwhile_IsTakenAgain) {
     token();
@@ -974,8 +1336,13 @@ TEST_F(SessionTest, UnstoredTokens_StillUnstoredLater) {
     for (int i = 0; i < 2; ++i) {
         out().advance(1s);
         fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
+        const auto logged = out().log.size();
         EXPECT_EQ("at-3", token());
         EXPECT_EQ("at-2", stored()["access_token"].asString());
+        EXPECT_EQ(logged, out().log.size());  // the warning came with the tokens
+        const auto tries = fakes::world().counts["renameat"];
+        EXPECT_EQ("at-3", token());
+        EXPECT_EQ(tries, fakes::world().counts["renameat"]);
     }
     writeFile(tokenFile(), "{}");  // somebody else's, so ours are out of date
     out().advance(2h);
@@ -1191,9 +1558,13 @@ TEST_F(SessionTest, AccountServiceFailures) {
 // --------------------------------------------------------------------------------------
 
 TEST_F(SessionTest, SignOut_RevokesAndRemoves) {
+    auto plain = std::make_unique<Session>(settings());
     use([](Settings& given) { given.revocationEndpoint = "https://auth.test/revoke"; });
     EXPECT_TRUE(session().signOut());  // nothing to revoke
     EXPECT_THAT(out().requests, IsEmpty());
+    theSession.swap(plain);
+    EXPECT_TRUE(session().signOut());  // nowhere to revoke
+    theSession.swap(plain);
     token();
     EXPECT_TRUE(session().signOut());
     EXPECT_EQ("token=rt-2&token_type_hint=refresh_token&client_id=fleet%20lens",
@@ -1209,12 +1580,31 @@ TEST_F(SessionTest, SignOut_RevokesAndRemoves) {
         };
         EXPECT_FALSE(session().signOut());
         EXPECT_FALSE(std::filesystem::exists(tokenFile()));
+        EXPECT_THAT(out().log, ::testing::Contains("4 orbaoauth2session: The tokens are not "
+                                                   "revoked. https://auth.test replied with "
+                                                   "HTTP status " +
+                                                   std::to_string(answer.status) + "."));
     }
+    token();
+    answerTokens({});
+    out().intercept = [](const Request& request, Answer& answer) {
+        answer = {400, R"({"error":"unsupported_token_type"})"};
+        return request.url == "https://auth.test/revoke";
+    };
+    EXPECT_FALSE(session().signOut());
+    EXPECT_THAT(out().log,
+                ::testing::Contains(HasSubstr("replied with the error unsupported_token_type.")));
+    out().intercept = [](const Request& request, Answer& answer) {
+        answer = {299};
+        return request.url == "https://auth.test/revoke";
+    };
+    token();
+    EXPECT_TRUE(session().signOut());
     answerTokens({200, R"({"access_token":"only","token_type":"Bearer"})"});
     token();
     out().intercept = nullptr;
     EXPECT_TRUE(session().signOut());
-    EXPECT_THAT(out().requests.back().form, HasSubstr("token=only&token_type_hint=access_token"));
+    EXPECT_THAT(out().requests.back().form, HasSubstr("token=only&token_type_hint=access_token&"));
     token();
     out().linked = false;
     const auto requests = out().requests.size();
@@ -1361,6 +1751,37 @@ TEST_F(SessionTest, RefusedSettings_AreNamed) {
     }
 }
 
+TEST_F(SessionTest, RefusedSettings_TheFirstIsNamed) {
+    const Settings good = settings();
+    Settings given;
+    given.revocationEndpoint = "x";
+    given.margin = -1s;
+    for (const auto& [name, member] : std::vector<std::pair<std::string, std::string Settings::*>>{
+             {"authorizationEndpoint", &Settings::authorizationEndpoint},
+             {"tokenEndpoint", &Settings::tokenEndpoint},
+             {"clientId", &Settings::clientId},
+             {"redirectUri", &Settings::redirectUri},
+             {"scope", &Settings::scope},
+             {"tokenFile", &Settings::tokenFile}}) {
+        EXPECT_EQ("The setting " + name + " is missing.",
+                  std::string(failure([&] { const Session session(given); }).what()));
+        given.*member = good.*member;
+    }
+}
+
+TEST_F(SessionTest, RedirectUriWithAQuery) {
+    use([](Settings& given) { given.redirectUri = "https://app.test/cb?state=1"; });
+    out().intercept = [](const Request& request, Answer& answer) {
+        answer = out().answer(request);
+        const std::size_t query = answer.redirect.find("cb?");
+        if (query != std::string::npos) {
+            answer.redirect.replace(query, 3, "cb?state=1&");
+        }
+        return true;
+    };
+    EXPECT_EQ("at-2", token());
+}
+
 // libcurl gives a redirect that it cannot parse as it came.
 TEST_F(SessionTest, RedirectUriThatIsNoUrl_StaysAsItIs) {
     Settings given = settings();
@@ -1412,6 +1833,15 @@ TEST_F(SessionTest, Texts_OfTheWebLogin) {
          {200},
          "https://auth.test replied with HTTP status 200 where the login needs a redirect."},
         {"/auth?",
+         {299},
+         "https://auth.test replied with HTTP status 299 where the login needs a redirect."},
+        {"/auth?",
+         {399},
+         "https://auth.test replied with HTTP status 399 where the login needs a redirect."},
+        {"/auth?",
+         {400, R"({"error":"invalid_grant"})"},
+         "https://auth.test replied with the error invalid_grant."},
+        {"/auth?",
          {302, "", "https://auth.test/login"},
          "https://auth.test sent no login challenge."},
         {"/auth?", callback("code=c"), "The callback of https://auth.test has another state."},
@@ -1439,10 +1869,11 @@ TEST_F(SessionTest, Texts_OfTheWebLogin) {
         };
         const auto exception = failure();
         EXPECT_EQ(text, exception.what());
-        EXPECT_EQ(answer.status == 200, exception.retryAfter() == 777s);
+        EXPECT_EQ(answer.status != 302, exception.retryAfter() == 777s);
+        if (text.find("invalid_grant") != std::string::npos) {
+            EXPECT_EQ(Remedy::fixSettings, exception.remedy());  // it answers no code
+        }
     }
-    EXPECT_EQ(Remedy::fixSettings,
-              failure().remedy());  // invalid_grant of a callback answers no code
     out().intercept = nullptr;
     for (const bool refuses : {true, false}) {
         out().advance(2h);
@@ -1469,6 +1900,20 @@ TEST_F(SessionTest, Texts) {
     const auto logged = out().log.size();
     failure();
     EXPECT_EQ(logged, out().log.size());  // what the gate repeats is logged once
+    for (const auto& [body, text] : std::vector<std::pair<std::string, std::string>>{
+             {"[]", "https://auth.test sent tokens that are no JSON object."},
+             {"{}", "https://auth.test sent no usable access token."},
+             {std::string(65537, ' '), "https://auth.test sent a reply of more than 64 KiB."}}) {
+        out().advance(2h);
+        answerTokens({200, body, "", {"Retry-After: 50"}});
+        EXPECT_EQ(text, failure().what());
+        EXPECT_EQ(50s, failure().retryAfter());
+    }
+    out().advance(2h);
+    fakes::world().failAt["curl_easy_setopt"] = fakes::world().counts["curl_easy_setopt"] + 2;
+    const auto unset = failure();
+    EXPECT_STREQ("Failed to set CURLOPT_URL: libcurl's result 27.", unset.what());
+    EXPECT_EQ(25, unset.errCode());
     out().advance(2h);
     answerTokens({0, "", "", {}, CURLE_OPERATION_TIMEDOUT});
     EXPECT_STREQ("The request to https://auth.test failed: Timeout was reached.", failure().what());
@@ -1488,7 +1933,7 @@ TEST_F(SessionTest, Texts) {
     std::filesystem::create_directory(tokenFile());
     EXPECT_EQ(tokenFile() + " is not this user's own file.", failure().what());
     std::filesystem::remove(tokenFile());
-    std::filesystem::create_symlink("/dev/null", tokenFile());
+    std::filesystem::create_symlink("nowhere", tokenFile());
     EXPECT_EQ("Cannot open " + tokenFile() + ": Too many levels of symbolic links.",
               failure().what());
 }

@@ -1,4 +1,5 @@
 // One session in several threads and over forks.
+#include <fcntl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -137,6 +138,34 @@ TEST_F(SharedSession, Cancel_EndsThoseWhoWait) {
                                                  }}));
 }
 
+// While the one they wait for is in a call that cannot be ended.
+TEST_F(SharedSession, Cancel_EndsThoseWhoWaitSoon) {
+    session();
+    std::thread waiting;
+    std::atomic<int> code{0};
+    fakes::world().onCall = [&](const std::string& name) {
+        if (name != "loginIDP") {
+            return;
+        }
+        waiting = std::thread([&] { code = codeOf([this] { token(); }); });
+        usleep(300'000);
+        session().cancel();
+        for (int i = 0; i < 2000 && code == 0; ++i) {
+            usleep(10'000);
+        }
+        EXPECT_EQ(35, code);
+    };
+    EXPECT_EQ(35, codeOf([this] { token(); }));
+    waiting.join();
+}
+
+TEST_F(SharedSession, FailedSignOut_IsTheFailureOfTheOneWhoAsked) {
+    token();
+    fakes::world().failAt["unlinkat"] = fakes::world().counts["unlinkat"] + 2;
+    EXPECT_EQ((std::vector<int>{0, 38}),
+              during("flock", [this] { session().signOut(); }, {asking("at-2")}));
+}
+
 TEST_F(SharedSession, CancelDuringAnEarlyRenewal_IsThrown) {
     token();
     out().advance(3530s);
@@ -191,6 +220,23 @@ TEST_F(ForkedSession, LocksAreReleasedInAnyOrder) {
     second.reset();
     EXPECT_FALSE(TokenStore(folder + "/1").tryLock());
     EXPECT_TRUE(TokenStore(folder + "/2").tryLock());
+}
+
+// Its number may be another file's by then, which a child of the child keeps.
+TEST_F(ForkedSession, Child_ClosesTheLocksOnce) {
+    TokenStore store(folder + "/tokens");
+    EXPECT_TRUE(store.tryLock());
+    const auto files = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = files();
+    inChild([&] {
+        const bool closed = files() == before - 1;
+        const int reused = open("/", O_RDONLY | O_CLOEXEC);
+        inChild([&] { return files() == before && fcntl(reused, F_GETFD) >= 0; });
+        return closed && !HasFailure();
+    });
 }
 
 // A child that is forked during a request does not keep the lock.

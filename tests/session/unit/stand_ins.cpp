@@ -8,6 +8,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
@@ -383,9 +384,9 @@ ORBA_FAULTY(int, pthread_atfork, ENOMEM, (void (*before)(), void (*parent)(), vo
             (before, parent, child))
 ORBA_FAULTY(CURLU*, curl_url, nullptr, (), ())
 ORBA_FAULTY(ssize_t, pread, -1, (int file, void* data, size_t size, off_t at),
-            (file, data, size, at))
+            (file, data, std::min(size, outside::get().piece), at))
 ORBA_FAULTY(ssize_t, pwrite, -1, (int file, const void* data, size_t size, off_t at),
-            (file, data, size, at))
+            (file, data, std::min(size, outside::get().piece), at))
 ORBA_FAULTY(int, ftruncate, -1, (int file, off_t size), (file, size))
 ORBA_FAULTY(int, fsync, -1, (int file), (file))
 ORBA_FAULTY(int, fdatasync, -1, (int file), (file))
@@ -446,6 +447,7 @@ std::string OAuth2::loginServiceByOrbaAccount() {
 void OAuth2::loginIDP(Json::Value& reply, const std::string& loginChallenge) {
     const OwnWork own;
     EXPECT_EQ("c+1", loginChallenge);
+    EXPECT_EQ("", authURL + cookiesFilePath);
     if (world().enter("loginIDP", "")) {
         throw OAuth2ClientException(21, "Failed to Login IDP due to: secret reply");
     }

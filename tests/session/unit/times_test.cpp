@@ -9,6 +9,7 @@
 #include "secrets.h"
 #include "shelf.h"
 #include "stand_ins.h"
+#include "token_keeper.h"
 
 namespace {
 
@@ -134,6 +135,18 @@ TEST(Shelves, GiveATokenUntilItsTime) {
     EXPECT_EQ(15U, good);
     shelf.clear();
     EXPECT_FALSE(shelf.take(0s, token));
+}
+
+TEST_F(SessionTest, GoodToken_IsOnTheShelf) {
+    const std::atomic<bool> cancelled{false};
+    Call call{std::chrono::nanoseconds::max(), cancelled};
+    const Settings given = settings();
+    TokenKeeper keeper(given);
+    AccessToken token;
+    EXPECT_FALSE(keeper.take(token));
+    keeper.renew(std::nullopt, call);
+    EXPECT_TRUE(keeper.take(token));
+    EXPECT_EQ("at-2", token.text);
 }
 
 // ---- Secrets
