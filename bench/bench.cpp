@@ -23,7 +23,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <ctime>
-#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <iostream>
@@ -44,11 +43,8 @@ using Side = std::function<void()> Operation::*;
 
 // Nobody else uses it.
 std::string newFolder() {
-    static int count = 0;
-    std::string folder = environment("ORBA_BENCH_FOLDER") + "/" + std::to_string(getpid()) + "-" +
-                         std::to_string(++count);
-    std::filesystem::create_directory(folder);
-    return folder;
+    std::string folder = environment("ORBA_BENCH_FOLDER") + "/XXXXXX";
+    return mkdtemp(folder.data());
 }
 
 double now(clockid_t clock = CLOCK_MONOTONIC) {

@@ -7,6 +7,8 @@
 import {readFileSync, writeFileSync} from 'node:fs';
 import {fileURLToPath} from 'node:url';
 
+import {sessionChecks, sessionRows} from './session/session.mjs';
+
 const [resultsFile, option] = process.argv.slice(2);
 const results = {threads: [], signIn: [], session: [], ...JSON.parse(readFileSync(resultsFile, 'utf8'))};
 const MIB = 1 << 20;
@@ -88,13 +90,7 @@ const tables = {
         ...[['total', 'whole'], ...PHASES].map(([phase, title]) =>
             [title, ...steps.map((step) => time(step[phase]))]),
     ]),
-    session: table(['Session', ''], results.session.flatMap((session) => [
-        ['accessToken() with a good token of 1,000 bytes, processor time', time(session.token)],
-        ['two threads that share a session, beside two with their own, throughput', interval(session.scaling)],
-        ['web login with exchange, processor time', time(session.signIn)],
-        ['the same by hand', time(session.byHand)],
-        ['of both, the request of the account-service library', time(session.accountService)],
-    ])),
+    session: table(['Session', ''], results.session.flatMap((session) => sessionRows(session, {time, interval}))),
 };
 
 // ---- Targets -------------------------------------------------------------------------------------
@@ -138,15 +134,6 @@ function instructionChecks({operation, ours, bare}) {
         verdict(ours.own > 0 && ours.own < INSTRUCTIONS_TARGET)]];
 }
 
-// More threads are to cost nothing, but share a processor when the machine is busy.
-function sessionChecks({token, scaling, signInRatio}) {
-    const scales = scaling.low >= 0.85 ? 'held' : scaling.high < 0.85 ? 'MISSED' : 'unclear';
-    return [['accessToken(), processor time', time(token), '< 200 ns', verdict(token < 200e-9)],
-        ['accessToken(), two threads, throughput', interval(scaling), '>= 0.85', scales],
-        ["web login with exchange beside by hand, without the account-service library's request",
-            interval(signInRatio), '<= 0.5', judge(signInRatio, 0.5)]];
-}
-
 const checks = [
     ...results.requests.map((pair) => pairCheck(`${pair.operation}, ${pair.transport}`, pair,
         pair.transport.startsWith('HTTPS') ? TLS_TARGET : TARGET)),
@@ -160,7 +147,7 @@ const checks = [
     ...results.threads.map(({variant, count, ratio}) =>
         [`threads: ${count}, ${variant}`, interval(ratio), `<= ${TARGET}`, judge(ratio, TARGET)]),
     ...results.instructions.flatMap(instructionChecks),
-    ...results.session.flatMap(sessionChecks),
+    ...results.session.flatMap((session) => sessionChecks(session, {time, interval, judge, verdict})),
 ];
 
 // ---- docs/ ---------------------------------------------------------------------------------------

@@ -12,6 +12,7 @@ import {setTimeout as pause} from 'node:timers/promises';
 import {fileURLToPath} from 'node:url';
 
 import {readCallgrind} from './callgrind.mjs';
+import {measureSession} from './session/session.mjs';
 
 const KIB = 1 << 10;
 const MIB = 1 << 20;
@@ -40,7 +41,6 @@ const bundle = `${folder}/bundle.crt`;
 const background = [];
 let servers;
 
-
 // The median, and the ranks between which the true median lies in 95 of 100 cases.
 function spread(values) {
     const sorted = [...values].sort((a, b) => a - b);
@@ -51,7 +51,6 @@ function spread(values) {
     });
     return {count: sorted.length, median, low, high};
 }
-const mean = (values) => values.reduce((sum, value) => sum + value, 0) / values.length;
 const medians = ({ours, bare}) => ({ours: spread(ours).median, bare: spread(bare).median});
 
 // Programs that measure get one processor for themselves, servers another.
@@ -160,29 +159,12 @@ function signIn() {
             .sort((a, b) => a.total - b.total);
         const middle = runs.slice(Math.floor(runs.length / 4), Math.ceil((runs.length * 3) / 4));
         const means = Object.keys(middle[0]).filter((key) => key !== 'step')
-            .map((phase) => [phase, mean(middle.map((run) => run[phase]))]);
+            .map((phase) => [phase, middle.reduce((sum, run) => sum + run[phase] / middle.length, 0)]);
         return {step, ...Object.fromEntries(means)};
     });
 }
 
-// Both sign in at the test cloud; the token command runs on all processors.
-function session() {
-    const env = {
-        ORBA_BENCH_BUNDLE: bundle, ORBA_HOST_PROFILE: `${folder}/web.json`,
-        ORBA_AUTHORIZATION_ENDPOINT: servers.authorizationEndpoint, ORBA_TOKEN_ENDPOINT: servers.tokenEndpoint,
-    };
-    const token = JSON.parse(measured(env, 'taskset', '-c', list, `${program}-session`, 'token', '0.2', '15'));
-    const signIns = JSON.parse(measured(env, `${program}-session`, 'sign-in', String(SIGN_INS)));
-    const medianOf = (values) => spread(values).median;
-    return [{
-        token: medianOf(token.one),
-        scaling: spread(token.shared.map((rate, i) => rate / token.own[i])),
-        signIn: medianOf(signIns.session), byHand: medianOf(signIns.byHand),
-        accountService: medianOf(signIns.accountService),
-        signInRatio: spread(signIns.session.map((seconds, i) =>
-            (seconds - signIns.accountService[i]) / (signIns.byHand[i] - signIns.accountService[i]))),
-    }];
-}
+const session = () => measureSession(`${program}-session`, {measured, spread, list, folder, bundle, servers});
 
 function machine() {
     const output = (...command) => measured({}, ...command).trim();

@@ -61,10 +61,7 @@ async function listen(server) {
 }
 
 const folder = process.argv[2];
-const tls = {
-    cert: readFileSync(process.env.ORBA_TLS_CERT),
-    key: readFileSync(process.env.ORBA_TLS_KEY),
-};
+const tls = {cert: readFileSync(process.env.ORBA_TLS_CERT), key: readFileSync(process.env.ORBA_TLS_KEY)};
 const write = (name, value) => writeFileSync(join(folder, name), JSON.stringify(value));
 const {profile, info} = await startCloud();
 const {pkce_access_token: token, ...webProfile} = profile;

@@ -224,6 +224,7 @@ TEST_F(ForkedSession, LocksAreReleasedInAnyOrder) {
 
 // Its number may be another file's by then, which a child of the child keeps.
 TEST_F(ForkedSession, Child_ClosesTheLocksOnce) {
+    session();  // forks are watched from now on
     TokenStore store(folder + "/tokens");
     EXPECT_TRUE(store.tryLock());
     const auto files = [] {
