@@ -90,6 +90,8 @@ Failure makeFailure(int code, const std::string& what) {
 
 void fail(int code, const std::string& what) { throw makeFailure(code, what); }
 
+void failCancelled() { fail(kCancelled, "The session is cancelled"); }
+
 void failOnFile(const std::string& what, int error) {
     fail(kFilesUnusable, what + ": " + std::generic_category().message(error));
 }
@@ -178,7 +180,7 @@ void logFailure(const Failure& failure) {
 
 void Call::check() const {
     if (cancelled.load(std::memory_order_relaxed)) {
-        fail(kCancelled, "The session is cancelled");
+        failCancelled();
     }
     if (bootTime() >= deadline) {
         fail(kWaitedTooLong, "The call's timeout is over");

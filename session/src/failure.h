@@ -62,6 +62,8 @@ Failure makeFailure(int code, const std::string& what);
 // A 38 that names the system's reason (errno, or `error`).
 [[noreturn]] void failOnFile(const std::string& what, int error);
 
+[[noreturn]] void failCancelled();
+
 // A status that is neither a success nor a redirect.
 Failure failureOfStatus(long status, const std::string& url);
 

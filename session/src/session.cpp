@@ -69,7 +69,7 @@ void Session::Impl::check() const {
         fail(kSettingsRefused, "The session was made by a parent process: make one in the child");
     }
     if (cancelled.load(std::memory_order_relaxed)) {
-        fail(kCancelled, "The session is cancelled");
+        failCancelled();
     }
 }
 

@@ -368,7 +368,6 @@ void TokenStore::reserve() {
     }
     dropReserve();
     reserved = openInWorkFolder(kReserve, O_RDWR | O_CREAT | O_EXCL);
-    setMode(reserved.get(), kFileMode, path + ".work/" + kReserve);
     allocate(reserved.get(), kReserveSize, path);
     synchronize(reserved.get(), path + ".work/" + kReserve);
 }

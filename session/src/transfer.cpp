@@ -250,7 +250,7 @@ CURLcode Transfer::run(CURL* easy, nanoseconds limit) {
     }
     curl_multi_remove_handle(multi.get(), easy);
     if (result != CURLE_OK && call.cancelled.load(std::memory_order_relaxed)) {
-        fail(kCancelled, "The session is cancelled");
+        failCancelled();
     }
     return result;
 }

@@ -20,7 +20,7 @@ const OTHER_OPERATORS = {
 const CONTEXT = 40;
 const CONSTANT = /^(?:k[A-Z]\w*|[A-Z][A-Z0-9]*_\w+|E[A-Z]{3,})$/;
 // Conversions, whose argument is converted anyway, and keywords.
-const NO_CALL = /^(?:[A-Z][a-z]\w*|string|string_view|move|if|while|for|switch|return|sizeof|catch|decltype|alignof|operator|throw|new|delete|noexcept)$/;
+const NO_CALL = /^(?:[A-Z][a-z]\w*|(?:nano|milli)?seconds|string|string_view|move|if|while|for|switch|return|sizeof|catch|decltype|alignof|operator|throw|new|delete|noexcept)$/;
 
 const squeeze = (text) => text.replace(/\/\/[^\n]*/g, "").replace(/\s+/g, " ").trim();
 
@@ -174,7 +174,7 @@ export class Source {
         }
         if (this.is(i, "catch")) {
             const open = this.tokens[i + 1].close + 1;
-            this.place("handler", open, open + 1, [["handler removed", "throw;"]]);
+            this.place("handler", open, open + 1, this.is(open + 1, "throw") ? [] : [["handler removed", "throw;"]]);
             return this.statement(open);
         }
         if (this.is(i, "case", "default")) {
@@ -198,7 +198,7 @@ export class Source {
         this.context = [this.tokens[from].start, this.tokens[end].end];
         const declared = this.declared(from, end);
         if (this.is(from, "return")) {
-            if (end > from + 1 && !/^return (?:\{\}|nullptr|false|0|"")$/.test(head)) {
+            if (end > from + 1 && !/^return (?:\{\}|nullptr|false|0|""|milliseconds\(0\))$/.test(head)) {
                 this.place("return", from, end + 1, [["empty result", "return {};"]]);
             }
             this.expression(from + 1, end);

@@ -151,9 +151,9 @@ async function traceTests(jobs, programs) {
 }
 
 // Returns "survived", "noticed" or "timed out".
-async function tryMutant(number, tests, programs) {
+async function tryMutant(number, tests, programs, quickOnly) {
     const reaching = tests.filter((test) => test.reached[number]);
-    for (const quick of [true, false]) {
+    for (const quick of quickOnly ? [true] : [true, false]) {
         for (const program of programs) {
             const batch = reaching.filter((t) => t.program === program && (t.seconds < QUICK_SECONDS) === quick);
             if (batch.length > 0) {
@@ -204,8 +204,8 @@ async function main() {
         (positionals.length === 0 || positionals.some((p) => `${m.name} (line ${m.line})`.includes(p))));
     const counts = {"noticed": 0, "timed out": 0, "equivalent": 0, "survived": 0};
     await inParallel(jobs, wanted, async (mutant) => {
-        let outcome = await tryMutant(mutant.number, tests, programs);
         const entry = equivalents.find(({pattern}) => pattern.test(mutant.name));
+        let outcome = await tryMutant(mutant.number, tests, programs, Boolean(entry));
         if (outcome === "survived" && entry) {
             outcome = "equivalent";
             entry.used = true;

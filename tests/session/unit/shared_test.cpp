@@ -161,9 +161,10 @@ TEST_F(SharedSession, Cancel_EndsThoseWhoWaitSoon) {
 
 TEST_F(SharedSession, FailedSignOut_IsTheFailureOfTheOneWhoAsked) {
     token();
+    out().advance(2h);
     fakes::world().failAt["unlinkat"] = fakes::world().counts["unlinkat"] + 2;
     EXPECT_EQ((std::vector<int>{0, 38}),
-              during("flock", [this] { session().signOut(); }, {asking("at-2")}));
+              during("flock", [this] { session().signOut(); }, {asking("at-3")}));
 }
 
 TEST_F(SharedSession, CancelDuringAnEarlyRenewal_IsThrown) {
@@ -178,6 +179,9 @@ TEST_F(SharedSession, CancelDuringAnEarlyRenewal_IsThrown) {
 
 class ForkedSession : public SharedSession {
   protected:
+    static constexpr char kInherited[] =
+        "The session was made by a parent process: make one in the child.";
+
     static void inChild(const std::function<bool()>& work) {
         std::fflush(nullptr);
         const pid_t child = fork();
@@ -197,9 +201,9 @@ class ForkedSession : public SharedSession {
 TEST_F(ForkedSession, Child_IsRefusedAndMakesItsOwn) {
     token();
     inChild([this] {
-        const bool refused = codeOf([this] { token(); }) == 34 &&
-                             codeOf([this] { renew("x"); }) == 34 &&
-                             codeOf([this] { session().signOut(); }) == 34;
+        const bool refused =
+            failure().what() == std::string(kInherited) && codeOf([this] { token(); }) == 34 &&
+            codeOf([this] { renew("x"); }) == 34 && codeOf([this] { session().signOut(); }) == 34;
         theSession.reset();
         return refused && token() == "at-2";
     });
@@ -220,6 +224,25 @@ TEST_F(ForkedSession, LocksAreReleasedInAnyOrder) {
     second.reset();
     EXPECT_FALSE(TokenStore(folder + "/1").tryLock());
     EXPECT_TRUE(TokenStore(folder + "/2").tryLock());
+}
+
+// A child has the descriptor too, until it runs.
+TEST_F(ForkedSession, ReleasedLock_IsFreeWhoeverElseHasItsDescriptor) {
+    auto store = std::make_unique<TokenStore>(folder + "/tokens");
+    EXPECT_TRUE(store->tryLock());
+    std::vector<int> copies;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        if (std::filesystem::read_symlink(entry, gone).filename() == "lock") {
+            copies.push_back(dup(std::stoi(entry.path().filename())));
+        }
+    }
+    EXPECT_EQ(1U, copies.size());
+    store.reset();
+    EXPECT_TRUE(TokenStore(folder + "/tokens").tryLock());
+    for (const int copy : copies) {
+        close(copy);
+    }
 }
 
 // Its number may be another file's by then, which a child of the child keeps.

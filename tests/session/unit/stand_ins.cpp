@@ -111,7 +111,8 @@ CURLcode deliver(Easy& easy, const OwnWork& own) {
         lines.push_back(answer.headersEnd);
     }
     const auto give = [&](curl_write_callback take, std::string& piece, void* data) {
-        return own.callBack([&] { return take(piece.data(), 1, piece.size(), data); }) ==
+        // libcurl is C: an exception ends the process.
+        return own.callBack([&]() noexcept { return take(piece.data(), 1, piece.size(), data); }) ==
                piece.size();
     };
     for (std::string& line : lines) {
@@ -119,9 +120,13 @@ CURLcode deliver(Easy& easy, const OwnWork& own) {
             return CURLE_WRITE_ERROR;
         }
     }
-    std::string body = answer.body;
-    if (!body.empty() && !give(easy.onBody, body, easy.body)) {
-        return CURLE_WRITE_ERROR;
+    std::string rest = answer.body;
+    while (!rest.empty()) {
+        std::string piece = rest.substr(0, (answer.body.size() + 1) / 2);
+        rest.erase(0, piece.size());
+        if (!give(easy.onBody, piece, easy.body)) {
+            return CURLE_WRITE_ERROR;
+        }
     }
     return answer.result;
 }
@@ -300,14 +305,15 @@ CURLMcode curl_multi_poll(CURLM* /*multi*/, curl_waitfd* /*extra*/, unsigned int
 // ---- The device
 // ----------------------------------------------------------------------------------
 
-void ORBATOVRAErrSet(unsigned int /*code*/) {}
-unsigned int ORBATOVRAErrGet(void) { return 10; }
+void ORBATOVRAErrSet(unsigned int code) { outside::get().deviceError = code; }
+unsigned int ORBATOVRAErrGet(void) { return outside::get().deviceError; }
 
 int ORBATOVRAUserAgentNameGet(char* name, std::size_t size) {
     const OwnWork own;
     if (world().enter("ORBATOVRAUserAgentNameGet", "")) {
         return -1;
     }
+    EXPECT_EQ(0, name[size]);  // it leaves a NUL, whatever it is given
     std::snprintf(name, size, "nas/1.0");
     return 0;
 }

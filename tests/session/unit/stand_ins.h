@@ -44,6 +44,7 @@ struct Outside {
     std::chrono::nanoseconds boot = std::chrono::hours(10);
     std::chrono::nanoseconds wall = std::chrono::seconds(1'800'000'000);
     bool linked = true;
+    unsigned deviceError = 10;      // of an earlier call
     int error = 5;                  // EIO: the errno of a failing system call
     std::size_t piece = 1 << 20;    // what one call reads or writes at most
     std::map<ino_t, uid_t> owners;  // of files that are not the user's own

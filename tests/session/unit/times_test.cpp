@@ -1,5 +1,7 @@
 // When a token ends and when the next request may be made: what only depends on what is passed in.
+#include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <thread>
@@ -10,6 +12,7 @@
 #include "shelf.h"
 #include "stand_ins.h"
 #include "token_keeper.h"
+#include "token_store.h"
 
 namespace {
 
@@ -147,6 +150,13 @@ TEST_F(SessionTest, GoodToken_IsOnTheShelf) {
     keeper.renew(std::nullopt, call);
     EXPECT_TRUE(keeper.take(token));
     EXPECT_EQ("at-2", token.text);
+}
+
+TEST_F(SessionTest, TokenFile_TellsWhenItWasWritten) {
+    writeFile(tokenFile(), "");
+    const timespec time[] = {{9, 0}, {5, 250'000'000}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, tokenFile().c_str(), time, 0));
+    EXPECT_EQ(5250ms, TokenStore(tokenFile()).read().changed);
 }
 
 // ---- Secrets
