@@ -97,7 +97,8 @@ class Transfer {
         set(CURLOPT_WRITEDATA, &body);
         const CURLcode code = curl_easy_perform(handle.get());
         if (body.error != ORBA_HOST_OK) {
-            throw Failure(body.error, target + ": the reply is larger than 1 MiB, or than the free memory");
+            throw Failure(body.error,
+                          target + ": the reply is larger than 1 MiB, or than the free memory");
         }
         check(code);
         long status = 0;

@@ -217,6 +217,11 @@ TEST_F(SessionTest, CancelBeforeTheLogin_AsksTheAccountServiceNothing) {
     EXPECT_EQ(0, fakes::world().counts["loginIDP"]);
 }
 
+TEST_F(SessionTest, HeaderWithoutMemory_Passes) {
+    fakes::world().failAt["curl_slist_append"] = 1;
+    EXPECT_THROW(token(), std::bad_alloc);
+}
+
 TEST_F(SessionTest, GrantWithoutMemory_Passes) {
     out().grant = []() -> std::string { throw std::bad_alloc(); };
     EXPECT_THROW(token(), std::bad_alloc);
@@ -1703,6 +1708,17 @@ TEST_F(SessionTest, Cancel_EndsARequestAndLeavesTheGateOpen) {
     token();
 }
 
+TEST_F(SessionTest, CancelDuringAReplyThatComes_LosesNoTokens) {
+    out().intercept = [this](const Request& request, Answer&) {
+        if (request.url == "https://auth.test/token") {
+            session().cancel();
+        }
+        return false;
+    };
+    EXPECT_EQ("at-2", token());
+    EXPECT_EQ("rt-2", stored()["refresh_token"].asString());
+}
+
 TEST_F(SessionTest, ServerThatHangs_EndsAt30sOrTheTimeout) {
     out().intercept = [](const Request&, Answer& answer) { return answer.hangs = true; };
     auto begin = out().boot;
@@ -1896,8 +1912,8 @@ TEST_F(SessionTest, Texts_OfTheWebLogin) {
          {299},
          "https://auth.test replied with HTTP status 299 where the login needs a redirect."},
         {"/auth?",
-         {399},
-         "https://auth.test replied with HTTP status 399 where the login needs a redirect."},
+         {399, "", "https://auth.test/login"},
+         "https://auth.test sent no login challenge."},
         {"/auth?",
          {400, R"({"error":"invalid_grant"})"},
          "https://auth.test replied with the error invalid_grant."},
@@ -1929,7 +1945,7 @@ TEST_F(SessionTest, Texts_OfTheWebLogin) {
         };
         const auto exception = failure();
         EXPECT_EQ(text, exception.what());
-        EXPECT_EQ(answer.status != 302, exception.retryAfter() == 777s);
+        EXPECT_EQ(answer.redirect.empty(), exception.retryAfter() == 777s);
         if (text.find("invalid_grant") != std::string::npos) {
             EXPECT_EQ(Remedy::fixSettings, exception.remedy());  // it answers no code
         }
@@ -1973,6 +1989,10 @@ TEST_F(SessionTest, Texts) {
              {"curl_multi_init", "libcurl gives no handle."},
              {"curl_easy_init", "libcurl gives no handle."},
              {"curl_multi_add_handle", "libcurl does not take the request."},
+             {"curl_multi_perform",
+              "The request to https://auth.test failed: Failed initialization."},
+             {"curl_multi_info_read",
+              "The request to https://auth.test failed: Failed initialization."},
              {"curl_easy_getinfo", "libcurl does not give the reply of https://auth.test."}}) {
         out().advance(2h);
         fakes::world().failAt[call] = fakes::world().counts[call] + 1;
@@ -1985,6 +2005,10 @@ TEST_F(SessionTest, Texts) {
     EXPECT_THAT(unset.what(), HasSubstr("CURLOPT_URL"));
     EXPECT_THAT(unset.what(), ::testing::EndsWith(": libcurl's result 27."));
     EXPECT_EQ(25, unset.errCode());
+    out().advance(2h);
+    answerTokens({200, "{}", "", {}, CURLE_OK, ""});
+    EXPECT_STREQ("The request to https://auth.test failed: Transferred a partial file.",
+                 failure().what());
     out().advance(2h);
     answerTokens({0, "", "", {}, CURLE_OPERATION_TIMEDOUT});
     EXPECT_STREQ("The request to https://auth.test failed: Timeout was reached.", failure().what());

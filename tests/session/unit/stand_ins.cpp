@@ -294,9 +294,10 @@ CURLMsg* curl_multi_info_read(CURLM* multi, int* left) {
     return world().enter("curl_multi_info_read", "") ? nullptr : &multiOf(multi).message;
 }
 
-CURLMcode curl_multi_poll(CURLM* /*multi*/, curl_waitfd* /*extra*/, unsigned int /*count*/,
+CURLMcode curl_multi_poll(CURLM* /*multi*/, curl_waitfd* /*extra*/, unsigned int count,
                           int milliseconds, int* /*events*/) {
     const OwnWork own;
+    EXPECT_EQ(0U, count);
     outside::get().advance(std::chrono::milliseconds(milliseconds));
     return world().enter("curl_multi_poll", std::to_string(milliseconds)) ? CURLM_INTERNAL_ERROR
                                                                           : CURLM_OK;
