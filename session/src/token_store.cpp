@@ -417,9 +417,7 @@ void TokenStore::allocateGate() {
 void TokenStore::writeGate(const std::string& text) {
     const Descriptor file = openInWorkFolder(kGate, O_RDWR | O_CREAT);
     const std::string what = path + ".work/" + kGate;
-    std::string record = text;
-    record.resize(std::max(record.size(), kGateSize));
-    writeAt(file.get(), record, what);
+    writeAt(file.get(), text, what);
     again([&] { return fdatasync(file.get()); });
 }
 

@@ -314,7 +314,7 @@ int ORBATOVRAUserAgentNameGet(char* name, std::size_t size) {
     if (world().enter("ORBATOVRAUserAgentNameGet", "")) {
         return -1;
     }
-    EXPECT_EQ(0, name[size]);  // it leaves a NUL, whatever it is given
+    EXPECT_EQ(255U, size);
     std::snprintf(name, size, "nas/1.0");
     return 0;
 }
