@@ -26,7 +26,7 @@ export function readCallgrind(file, times) {
         if (!calls) sums.total += cost;
         else if (ALLOCATORS.has(cfn) && !ALLOCATORS.has(name)) sums.allocations += parseInt(calls, 10);
         if (!LIBRARY.test(object) || (calls && LIBRARY.test(callee))) continue;
-        if (calls && cfn === 'syslog') sums.syslog += cost;
+        if (calls && /^(syslog|__syslog_chk)$/.test(cfn)) sums.syslog += cost; // _chk: by _FORTIFY_SOURCE
         else if (!calls || !OTHERS.test(callee)) sums.own += cost;
     }
     return Object.fromEntries(Object.entries(sums).map(([key, sum]) => [key, sum / times]));

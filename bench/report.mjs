@@ -44,7 +44,7 @@ const unique = (values) => [...new Set(values)];
 const withRatio = (figure, ratio) => `${figure} (${ratio.median.toFixed(3)})`;
 
 function table(head, lines) {
-    const widths = head.map((title, i) => Math.max(title.length, ...lines.map((line) => line[i].length)));
+    const widths = head.map((title, i) => Math.max(1, title.length, ...lines.map((line) => line[i].length)));
     const show = (cells) => `| ${cells.map((cell, i) =>
         (i === 0 ? cell.padEnd(widths[i]) : cell.padStart(widths[i]))).join(' | ')} |`;
     const rule = widths.map((width, i) => (i === 0 ? '-'.repeat(width) : `${'-'.repeat(width - 1)}:`));

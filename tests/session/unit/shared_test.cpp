@@ -233,7 +233,7 @@ TEST_F(ForkedSession, ReleasedLock_IsFreeWhoeverElseHasItsDescriptor) {
     std::vector<int> copies;
     for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
         std::error_code gone;
-        if (std::filesystem::read_symlink(entry, gone).filename() == "lock") {
+        if (std::filesystem::read_symlink(entry, gone) == folder + "/tokens.work/lock") {
             copies.push_back(dup(std::stoi(entry.path().filename())));
         }
     }
