@@ -1384,6 +1384,7 @@ TEST_F(SessionTest, TokenThatCameDuringTheWaitForTheLock_IsTheAnswer) {
     fakes::world().onCall = [this](const std::string& name) {
         if (name == "flock") {
             Json::Value other = stored();
+            other["access_token"] = "at-newer";
             other["expires_at"] = 1'800'017'000;
             writeFile(tokenFile(), other.toStyledString());
             session().cancel();
