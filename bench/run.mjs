@@ -159,7 +159,7 @@ function signIn() {
             .sort((a, b) => a.total - b.total);
         const middle = runs.slice(Math.floor(runs.length / 4), Math.ceil((runs.length * 3) / 4));
         const means = Object.keys(middle[0]).filter((key) => key !== 'step')
-            .map((phase) => [phase, middle.reduce((sum, run) => sum + run[phase] / middle.length, 0)]);
+            .map((phase) => [phase, middle.reduce((sum, run) => sum + run[phase], 0) / middle.length]);
         return {step, ...Object.fromEntries(means)};
     });
 }
