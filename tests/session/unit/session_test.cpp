@@ -939,11 +939,7 @@ TEST_F(SessionTest, AccountThatChangesDuringTheWaitForTheLock_Counts) {
     const auto duringTheWait = [](const std::function<void()>& change) {
         out().advance(2h);
         out().requests.clear();
-        fakes::world().onCall = [change](const std::string& name) {
-            if (name == "flock") {
-                change();
-            }
-        };
+        whenLocking(change);
     };
     duringTheWait([] { out().account = "account-2"; });
     token();
@@ -1099,14 +1095,7 @@ TEST_F(SessionTest, UnstoredTokens_DoNotReplaceThoseOfAnotherProcess) {
     fakes::world().failAt["renameat"] = fakes::world().counts["renameat"] + 1;
     EXPECT_EQ("at-3", token());
     out().advance(2h);
-    fakes::world().onCall = [this](const std::string& name) {
-        if (name == "flock") {
-            Json::Value other = stored();
-            other["access_token"] = "other";
-            other["expires_at"] = 1'800'017'000;
-            writeFile(tokenFile(), other.toStyledString());
-        }
-    };
+    whenLocking([this] { storeOther("other", 1'800'017'000); });
     EXPECT_EQ("other", token());
     EXPECT_EQ("other", stored()["access_token"].asString());
 }
@@ -1370,26 +1359,14 @@ TEST_F(SessionTest, LockReplacedMeanwhile_IsTakenAgain) {
 TEST_F(SessionTest, TokenThatCameDuringTheWaitForTheLock_IsTheAnswer) {
     token();
     out().advance(2h);
-    fakes::world().onCall = [this](const std::string& name) {
-        if (name == "flock") {
-            Json::Value other = stored();
-            other["access_token"] = "at-other";
-            other["expires_at"] = 1'800'009'000;
-            writeFile(tokenFile(), other.toStyledString());
-        }
-    };
+    whenLocking([this] { storeOther("at-other", 1'800'009'000); });
     EXPECT_EQ("at-other", token());
     EXPECT_EQ(3U, out().requests.size());
     out().advance(2h);
-    fakes::world().onCall = [this](const std::string& name) {
-        if (name == "flock") {
-            Json::Value other = stored();
-            other["access_token"] = "at-newer";
-            other["expires_at"] = 1'800'017'000;
-            writeFile(tokenFile(), other.toStyledString());
-            session().cancel();
-        }
-    };
+    whenLocking([this] {
+        storeOther("at-newer", 1'800'017'000);
+        session().cancel();
+    });
     expectFailure(35, Remedy::cancelled);
     EXPECT_EQ(3U, out().requests.size());
 }

@@ -525,6 +525,21 @@ Json::Value SessionTest::stored() const {
     return value;
 }
 
+void SessionTest::storeOther(const std::string& accessToken, int expiresAt) const {
+    Json::Value other = stored();
+    other["access_token"] = accessToken;
+    other["expires_at"] = expiresAt;
+    writeFile(tokenFile(), other.toStyledString());
+}
+
+void SessionTest::whenLocking(const std::function<void()>& happens) {
+    fakes::world().onCall = [happens](const std::string& name) {
+        if (name == "flock") {
+            happens();
+        }
+    };
+}
+
 std::vector<std::string> SessionTest::urls() const {
     std::vector<std::string> found;
     for (const Request& request : outside::get().requests) {

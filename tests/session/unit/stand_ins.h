@@ -91,6 +91,10 @@ class SessionTest : public ::testing::Test {
     std::string renew(const std::string& refused) { return session().renew(refused).text; }
     std::string tokenFile() const { return folder + "/tokens.json"; }
     Json::Value stored() const;
+    // What another process stores.
+    void storeOther(const std::string& accessToken, int expiresAt) const;
+    // Something happens just before a lock is asked for.
+    static void whenLocking(const std::function<void()>& happens);
     std::vector<std::string> urls() const;
     // The exception of a failing call.
     ORBA::OAuth2Session::SessionException failure(const std::function<void()>& call = {});
